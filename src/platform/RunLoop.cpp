@@ -1,0 +1,143 @@
+#include "platform/RunLoop.h"
+
+#include <pthread.h>
+
+namespace zentary {
+
+namespace {
+thread_local RunLoop* tCurrent = nullptr;
+}
+
+bool RunLoop::post(Task task)
+{
+    {
+        std::lock_guard<std::mutex> guard(mMutex);
+        if (mStopped) return false;
+        mTasks.push_back(std::move(task));
+    }
+    mWake.notify_all();
+    return true;
+}
+
+RunLoop::TimerId RunLoop::schedule(std::chrono::milliseconds delay, Task task, std::chrono::milliseconds repeat)
+{
+    TimerId id;
+    {
+        std::lock_guard<std::mutex> guard(mMutex);
+        id = mNextTimer++;
+        if (mStopped) return id;
+        mTimers.emplace(id, Timer{Clock::now() + delay, repeat, std::make_shared<Task>(std::move(task))});
+    }
+    mWake.notify_all();
+    return id;
+}
+
+bool RunLoop::cancel(TimerId id)
+{
+    std::lock_guard<std::mutex> guard(mMutex);
+    return mTimers.erase(id) > 0;
+}
+
+std::optional<RunLoop::Clock::time_point> RunLoop::nextDue() const
+{
+    std::optional<Clock::time_point> due;
+    for (const auto& [id, timer] : mTimers)
+        if (!due || timer.due < *due) due = timer.due;
+    return due;
+}
+
+bool RunLoop::runOne(std::unique_lock<std::mutex>& lock)
+{
+    if (!mTasks.empty()) {
+        Task task = std::move(mTasks.front());
+        mTasks.pop_front();
+        lock.unlock();
+        task();
+        lock.lock();
+        return true;
+    }
+    auto now = Clock::now();
+    for (auto it = mTimers.begin(); it != mTimers.end(); ++it) {
+        if (it->second.due > now) continue;
+        std::shared_ptr<Task> task = it->second.task;
+        if (it->second.repeat.count() > 0)
+            it->second.due = now + it->second.repeat;
+        else
+            mTimers.erase(it);
+        lock.unlock();
+        (*task)();
+        lock.lock();
+        return true;
+    }
+    return false;
+}
+
+bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point deadline)
+{
+    RunLoop* previous = tCurrent;
+    tCurrent = this;
+    std::unique_lock<std::mutex> lock(mMutex);
+    bool finished = false;
+    for (;;) {
+        lock.unlock();
+        finished = done();
+        lock.lock();
+        if (finished || Clock::now() >= deadline) break;
+        if (runOne(lock)) continue;
+        if (mStopped && mTasks.empty()) break;
+        auto wakeAt = deadline;
+        if (auto due = nextDue(); due && *due < wakeAt) wakeAt = *due;
+        if (wakeAt == Clock::time_point::max())
+            mWake.wait(lock);
+        else
+            mWake.wait_until(lock, wakeAt);
+    }
+    tCurrent = previous;
+    return finished;
+}
+
+void RunLoop::run()
+{
+    runUntil([] { return false; }, Clock::time_point::max());
+}
+
+void RunLoop::runFor(std::chrono::milliseconds duration)
+{
+    runUntil([] { return false; }, Clock::now() + duration);
+}
+
+void RunLoop::stop()
+{
+    {
+        std::lock_guard<std::mutex> guard(mMutex);
+        mStopped = true;
+        mTimers.clear();
+    }
+    mWake.notify_all();
+}
+
+bool RunLoop::isCurrent() const
+{
+    return tCurrent == this;
+}
+
+RunLoop* RunLoop::current()
+{
+    return tCurrent;
+}
+
+LoopThread::LoopThread(std::string name)
+    : mThread([this, name = std::move(name)] {
+          pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
+          mLoop.run();
+      })
+{
+}
+
+LoopThread::~LoopThread()
+{
+    mLoop.stop();
+    if (mThread.joinable()) mThread.join();
+}
+
+}  // namespace zentary

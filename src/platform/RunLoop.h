@@ -1,0 +1,156 @@
+// Event loops for the data source's threads.
+//
+// A client of a TWAIN data source on Linux has no event loop that we could
+// borrow, so the data source runs its own: one loop thread for all engine
+// state, and one loop per scan thread. A RunLoop is a queue of tasks and
+// timers drained by whichever thread runs it; waiting on another loop
+// (callOn) keeps draining the caller's own loop, so two loops that call each
+// other synchronously never deadlock.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+
+namespace zentary {
+
+class RunLoop {
+public:
+    using Task = std::function<void()>;
+    using Clock = std::chrono::steady_clock;
+    using TimerId = std::uint64_t;
+
+    RunLoop() = default;
+    ~RunLoop() = default;
+    RunLoop(const RunLoop&) = delete;
+    RunLoop& operator=(const RunLoop&) = delete;
+
+    // Queues a task; safe from any thread. Returns false, dropping the task,
+    // once stop() was called: nobody would ever run it.
+    bool post(Task task);
+
+    // Runs `task` after `delay`, and again every `repeat` when that is not
+    // zero. Returns an id for cancel(); ids are never reused.
+    TimerId schedule(std::chrono::milliseconds delay, Task task,
+                     std::chrono::milliseconds repeat = std::chrono::milliseconds::zero());
+    // Cancels a timer. Returns false when it already fired (one-shot) or was
+    // cancelled. A timer cancelled from another thread while its task runs
+    // finishes that run.
+    bool cancel(TimerId id);
+
+    // Drains tasks and timers on the calling thread until stop().
+    void run();
+    // Drains tasks and timers until `done()` is true or `deadline` passes.
+    // Returns done()'s last answer. Nested calls are allowed.
+    bool runUntil(const std::function<bool()>& done, Clock::time_point deadline);
+    // Drains for `duration`, the equivalent of running a run loop for a while.
+    void runFor(std::chrono::milliseconds duration);
+    // Makes run() return after it has run the tasks already queued; safe from
+    // any thread. Timers still pending are dropped.
+    void stop();
+
+    // True when the calling thread is inside run()/runUntil() of this loop.
+    bool isCurrent() const;
+    // The loop the calling thread is running, or null.
+    static RunLoop* current();
+
+private:
+    struct Timer {
+        Clock::time_point due;
+        std::chrono::milliseconds repeat;
+        std::shared_ptr<Task> task;
+    };
+    // Runs at most one due item; returns false when there was nothing to do.
+    bool runOne(std::unique_lock<std::mutex>& lock);
+    std::optional<Clock::time_point> nextDue() const;
+
+    mutable std::mutex mMutex;
+    std::condition_variable mWake;
+    std::deque<Task> mTasks;
+    std::map<TimerId, Timer> mTimers;
+    TimerId mNextTimer = 1;
+    bool mStopped = false;
+};
+
+// A thread that runs one RunLoop from construction to destruction.
+class LoopThread {
+public:
+    explicit LoopThread(std::string name);
+    ~LoopThread();  // stops the loop, drains nothing further, joins
+    LoopThread(const LoopThread&) = delete;
+    LoopThread& operator=(const LoopThread&) = delete;
+
+    RunLoop& loop() { return mLoop; }
+    std::thread::id id() const { return mThread.get_id(); }
+
+private:
+    RunLoop mLoop;
+    std::thread mThread;
+};
+
+// Thrown by callOn when the target loop has stopped and can run nothing.
+struct LoopStopped : std::exception {
+    const char* what() const noexcept override { return "run loop stopped"; }
+};
+
+// Calls `fn` on the thread running `target` and waits for its result. Runs
+// inline when the caller already is that thread. While waiting, the caller's
+// own loop (if it runs one) keeps serving calls that come the other way.
+// An exception thrown by `fn` is rethrown in the caller.
+template <typename Fn>
+auto callOn(RunLoop& target, Fn&& fn) -> std::invoke_result_t<Fn&>
+{
+    using R = std::invoke_result_t<Fn&>;
+    if (target.isCurrent()) return fn();
+
+    struct Shared {
+        std::mutex mutex;
+        std::condition_variable cv;
+        bool done = false;
+        std::exception_ptr error;
+        std::conditional_t<std::is_void_v<R>, char, std::optional<R>> value{};
+    };
+    auto shared = std::make_shared<Shared>();
+    RunLoop* own = RunLoop::current();
+    bool queued = target.post([shared, &fn, own] {
+        try {
+            if constexpr (std::is_void_v<R>) fn();
+            else shared->value.emplace(fn());
+        } catch (...) {
+            shared->error = std::current_exception();
+        }
+        {
+            std::lock_guard<std::mutex> guard(shared->mutex);
+            shared->done = true;
+        }
+        shared->cv.notify_all();
+        if (own) own->post([] {});  // wake the waiting loop
+    });
+    if (!queued) throw LoopStopped();
+    if (own) {
+        own->runUntil(
+            [&] {
+                std::lock_guard<std::mutex> guard(shared->mutex);
+                return shared->done;
+            },
+            RunLoop::Clock::time_point::max());
+    } else {
+        std::unique_lock<std::mutex> lock(shared->mutex);
+        shared->cv.wait(lock, [&] { return shared->done; });
+    }
+    if (shared->error) std::rethrow_exception(shared->error);
+    if constexpr (!std::is_void_v<R>) return std::move(*shared->value);
+}
+
+}  // namespace zentary

@@ -1,0 +1,124 @@
+#include "twain/Manager.h"
+
+#include <dlfcn.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <unordered_map>
+
+namespace zentary {
+
+namespace {
+
+struct State {
+    std::mutex mutex;
+    TW_ENTRYPOINT entry{};
+    bool hasEntry = false;
+    struct Block {
+        std::size_t size;
+        bool fromManager;  // freed the way it was allocated, whatever happened since
+    };
+    std::unordered_map<TW_HANDLE, Block> blocks;
+};
+
+State& state()
+{
+    static State* s = new State;  // never destroyed: handles may outlive static destruction
+    return *s;
+}
+
+}  // namespace
+
+bool Manager::setEntryPoint(const TW_ENTRYPOINT* entry)
+{
+    if (!entry || entry->Size < sizeof(TW_ENTRYPOINT)) return false;
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    s.entry = *entry;
+    s.hasEntry = true;
+    return true;
+}
+
+void Manager::reset()
+{
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    s.entry = {};
+    s.hasEntry = false;
+}
+
+bool Manager::hasEntryPoint()
+{
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    return s.hasEntry && s.entry.DSM_Entry;
+}
+
+TW_UINT16 Manager::send(TW_IDENTITY* origin, TW_IDENTITY* destination, TW_UINT32 group, TW_UINT16 type,
+                        TW_UINT16 message, TW_MEMREF data)
+{
+    DSMENTRYPROC proc = nullptr;
+    {
+        auto& s = state();
+        std::lock_guard<std::mutex> guard(s.mutex);
+        if (s.hasEntry) proc = s.entry.DSM_Entry;
+    }
+    if (!proc) proc = reinterpret_cast<DSMENTRYPROC>(dlsym(RTLD_DEFAULT, "DSM_Entry"));
+    if (!proc) return twain::TWRC_FAILURE;
+    return proc(origin, destination, group, type, message, data);
+}
+
+TW_HANDLE Manager::allocate(std::size_t size)
+{
+    if (size == 0 || size > UINT32_MAX) return nullptr;
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    bool fromManager = s.hasEntry && s.entry.DSM_MemAllocate && s.entry.DSM_MemFree;
+    TW_HANDLE handle = fromManager ? s.entry.DSM_MemAllocate(static_cast<TW_UINT32>(size)) : std::calloc(1, size);
+    if (handle) s.blocks[handle] = {size, fromManager};
+    return handle;
+}
+
+void Manager::free(TW_HANDLE handle)
+{
+    if (!handle) return;
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    auto it = s.blocks.find(handle);
+    // A handle we did not make came from the manager (the client's own).
+    bool fromManager = it == s.blocks.end() || it->second.fromManager;
+    if (it != s.blocks.end()) s.blocks.erase(it);
+    if (!fromManager)
+        std::free(handle);
+    else if (s.hasEntry && s.entry.DSM_MemFree)
+        s.entry.DSM_MemFree(handle);
+}
+
+TW_MEMREF Manager::lock(TW_HANDLE handle)
+{
+    if (!handle) return nullptr;
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    if (s.hasEntry && s.entry.DSM_MemLock) return s.entry.DSM_MemLock(handle);
+    return handle;  // on Linux a handle of our own is its memory
+}
+
+void Manager::unlock(TW_HANDLE handle)
+{
+    if (!handle) return;
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    if (s.hasEntry && s.entry.DSM_MemUnlock) s.entry.DSM_MemUnlock(handle);
+}
+
+std::optional<std::size_t> Manager::size(TW_HANDLE handle)
+{
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    auto it = s.blocks.find(handle);
+    if (it == s.blocks.end()) return std::nullopt;
+    return it->second.size;
+}
+
+}  // namespace zentary
