@@ -1,0 +1,257 @@
+#include "ds/DataSourceEngine.h"
+
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <new>
+
+#include "capabilities/Capabilities.h"
+#include "ds/DSAlerts.h"
+#include "ds/DSBundle.h"
+#include "ds/DSPreferences.h"
+#include "platform/Alerts.h"
+#include "platform/Bundle.h"
+#include "platform/Files.h"
+#include "platform/UiLog.h"
+#include "scanlib/ScanDevice.h"
+#include "twain/Manager.h"
+
+namespace zentary {
+
+using namespace twain;
+
+namespace {
+
+// One engine per loaded library, touched on the loop thread only; the mutex
+// keeps the "is there one?" test and the creation together for exists().
+std::mutex gEngineMutex;
+std::unique_ptr<DataSourceEngine> gEngine;
+TW_UINT16 gConditionCode = TWCC_SUCCESS;
+bool gEngineAllocated = false;  // refuses a second instance, whoever asks
+
+constexpr std::int32_t kScannerVendorID = 0x2E5D;
+constexpr std::int32_t kScannerProductID = 0x4A21;
+
+void setCode(TW_UINT16* conditionCode, TW_UINT16 code)
+{
+    if (conditionCode) *conditionCode = code;
+}
+
+// A capability value as a FIX32, when it is one.
+std::optional<TW_FIX32> asFix32(const std::optional<CapabilityValue>& value)
+{
+    if (!value || value->isNumber() || value->items().size() != 2) return std::nullopt;
+    const auto& items = value->items();
+    if (!items[0].isNumber() || !items[1].isNumber()) return std::nullopt;
+    return TW_FIX32{static_cast<TW_INT16>(items[0].number()), static_cast<TW_UINT16>(items[1].number())};
+}
+
+void logOpenFailure(const std::string& reason)
+{
+    uilog::write(JsonObject().add("event", "open-failed").add("reason", reason));
+}
+
+}  // namespace
+
+bool DataSourceEngine::exists()
+{
+    std::lock_guard<std::mutex> guard(gEngineMutex);
+    return gEngine != nullptr;
+}
+
+TW_UINT16 DataSourceEngine::conditionCode()
+{
+    return gConditionCode;
+}
+
+void DataSourceEngine::destroyOrphan()
+{
+    std::unique_ptr<DataSourceEngine> engine;
+    {
+        std::lock_guard<std::mutex> guard(gEngineMutex);
+        engine = std::move(gEngine);
+    }
+}
+
+TW_UINT16 DataSourceEngine::processOperationTriplet(TW_IDENTITY* origin, TW_UINT32 group, TW_UINT16 type,
+                                                    TW_UINT16 message, TW_MEMREF data)
+{
+    TW_UINT16 rc = TWRC_SUCCESS;
+    auto fail = [&rc](TW_UINT16 code) {
+        gConditionCode = code;
+        rc = TWRC_FAILURE;
+    };
+    try {
+        if (group == DG_CONTROL && type == DAT_IDENTITY) {
+            if (message == MSG_OPENDS) {
+                if (exists()) {
+                    fail(TWCC_SEQERROR);
+                } else {
+                    auto engine = initWithOrigin(origin, static_cast<TW_IDENTITY*>(data), &gConditionCode);
+                    if (engine) {
+                        std::lock_guard<std::mutex> guard(gEngineMutex);
+                        gEngine = std::move(engine);
+                    } else {
+                        rc = TWRC_FAILURE;
+                    }
+                }
+            } else if (message == MSG_CLOSEDS) {
+                if (!exists())
+                    fail(TWCC_SEQERROR);
+                else
+                    destroyOrphan();
+            } else {
+                fail(TWCC_BADPROTOCOL);
+            }
+        } else if (group == DG_CONTROL && type == DAT_STATUS) {
+            if (message != MSG_GET)
+                fail(TWCC_BADPROTOCOL);
+            else if (!data)
+                fail(TWCC_BADVALUE);
+            else
+                static_cast<TW_STATUS*>(data)->ConditionCode = gConditionCode;
+        } else if (group == DG_CONTROL && type == DAT_ENTRYPOINT) {
+            // The manager hands its entry point and memory functions over
+            // before it opens the source, so this needs no engine.
+            if (message != MSG_SET)
+                fail(TWCC_BADPROTOCOL);
+            else if (!Manager::setEntryPoint(static_cast<const TW_ENTRYPOINT*>(data)))
+                fail(TWCC_BADVALUE);
+        } else if (group == DG_CONTROL || group == DG_IMAGE) {
+            if (!gEngine)
+                fail(TWCC_SEQERROR);
+            else if (group == DG_CONTROL)
+                rc = gEngine->control(origin, type, message, data, &gConditionCode);
+            else
+                rc = gEngine->image(origin, type, message, data, &gConditionCode);
+        } else {
+            fail(TWCC_BADPROTOCOL);
+        }
+    } catch (...) {
+        DSAlerts::displayMessage(1);
+        gConditionCode = TWCC_BUMMER;
+        rc = TWRC_FAILURE;
+    }
+    if (rc == TWRC_SUCCESS) gConditionCode = TWCC_SUCCESS;
+    return rc;
+}
+
+DataSourceEngine::DataSourceEngine()
+{
+    gEngineAllocated = true;
+}
+
+DataSourceEngine::~DataSourceEngine()
+{
+    if (mScanner) mScanner->closeSession();
+    mScanner.reset();
+    mCapabilities.reset();
+    gEngineAllocated = false;
+}
+
+std::unique_ptr<DataSourceEngine> DataSourceEngine::initWithOrigin(const TW_IDENTITY* origin,
+                                                                   const TW_IDENTITY* source,
+                                                                   TW_UINT16* conditionCode)
+{
+    if (!origin || !source) {
+        setCode(conditionCode, TWCC_BUMMER);
+        return nullptr;
+    }
+    if (gEngineAllocated) {  // only one engine may ever exist at a time
+        setCode(conditionCode, TWCC_SEQERROR);
+        return nullptr;
+    }
+    std::unique_ptr<DataSourceEngine> engine(new (std::nothrow) DataSourceEngine);
+    if (!engine) {
+        setCode(conditionCode, TWCC_LOWMEMORY);
+        return nullptr;
+    }
+
+    engine->mScanner = ScanDevice::scanDeviceWithVID(kScannerVendorID, kScannerProductID, std::nullopt);
+    if (!engine->mScanner) {
+        setCode(conditionCode, TWCC_OPERATIONERROR);
+        DSAlerts::displayMessage(2);
+        return nullptr;
+    }
+
+    engine->mApplication = *origin;
+    engine->mSource = *source;
+
+    // Plain byte comparisons after the (Linux: absent) length byte: any
+    // longer name that starts with these letters matches.
+    if (std::memcmp(origin->Manufacturer, "Apple", 5) == 0)
+        engine->mClientIsImageCapture = true;
+    else if (std::memcmp(origin->ProductName, "Readiris", 8) == 0)
+        engine->mClientIsReadiris = true;
+
+    std::optional<Bundle> bundle = Bundle::withIdentifier(kBundleIdentifier);
+    std::string error = "the data source's bundle was not found";
+    if (bundle)
+        engine->mCapabilities = Capabilities::initWithModel(kModelName, engine->mClientIsReadiris,
+                                                            bundle->resourcePath("Capabilities"), &error);
+    if (!engine->mCapabilities) {
+        logOpenFailure(error);
+        setCode(conditionCode, TWCC_LOWMEMORY);
+        return nullptr;
+    }
+    Capabilities& caps = *engine->mCapabilities;
+
+    caps.setCurrentValue(ICAP_PIXELTYPE,
+                         CapabilityValue(DSPreferences::imageTypePreference() == 2 ? TWPT_GRAY : TWPT_RGB));
+    caps.setCurrentValue(ICAP_XRESOLUTION, CapabilityValue::fix32(DSPreferences::resolutionPreference(), 0));
+
+    engine->mFileName.reset(new (std::nothrow) char[kFileNameBufferSize]());
+    engine->mDefaultFileName.reset(new (std::nothrow) char[kFileNameBufferSize]());
+    if (!engine->mFileName || !engine->mDefaultFileName) {
+        setCode(conditionCode, TWCC_LOWMEMORY);
+        return nullptr;
+    }
+
+    std::optional<CapabilityValue> format = caps.defaultValue(ICAP_IMAGEFILEFORMAT);
+    if (!format || !format->isNumber()) {
+        logOpenFailure("ICAP_IMAGEFILEFORMAT has no default");
+        setCode(conditionCode, TWCC_BUMMER);
+        return nullptr;
+    }
+
+    // The default target is a POSIX path in the temporary folder; being
+    // absolute, it carries no volume or directory id.
+    std::string path = (files::temporaryDirectory() / kDefaultFileName).string();
+    if (path.size() >= kFileNameBufferSize) {
+        setCode(conditionCode, TWCC_BUMMER);
+        return nullptr;
+    }
+    for (auto [file, buffer] : {std::pair{&engine->mDefaultFile, engine->mDefaultFileName.get()},
+                                std::pair{&engine->mFile, engine->mFileName.get()}}) {
+        std::memcpy(buffer, path.c_str(), path.size() + 1);
+        file->FileName = buffer;
+        file->FileNameType = TWTY_STR1024;
+        file->Format = static_cast<TW_UINT16>(format->number());
+        file->VRefNum = 0;
+        file->ParID = 0;
+    }
+    engine->mFileFormatType = ICAP_IMAGEFILEFORMAT;
+    engine->mFileIsSet = false;
+
+    std::optional<TW_FIX32> width = asFix32(caps.currentValue(ICAP_PHYSICALWIDTH));
+    std::optional<TW_FIX32> height = asFix32(caps.currentValue(ICAP_PHYSICALHEIGHT));
+    if (!width || !height) {
+        logOpenFailure("ICAP_PHYSICALWIDTH or ICAP_PHYSICALHEIGHT is missing");
+        setCode(conditionCode, TWCC_BUMMER);
+        return nullptr;
+    }
+    engine->mImageLayout.Frame = {{0, 0}, {0, 0}, *width, *height};
+    engine->mImageLayout.DocumentNumber = 1;
+    engine->mImageLayout.PageNumber = 1;
+    engine->mImageLayout.FrameNumber = 1;
+
+    engine->mDefaultMinimumMemoryBufferSize = kDefaultMinimumMemoryBufferSize;
+    engine->mMinimumMemoryBufferSize = kDefaultMinimumMemoryBufferSize;
+    engine->mMaximumMemoryBufferSize = 0xFFFFFFFF;
+    engine->mMemoryTransferRowsTransfered = 0;
+    engine->mImageTransferState = 1;
+    engine->mState = kStateOpen;
+    return engine;
+}
+
+}  // namespace zentary

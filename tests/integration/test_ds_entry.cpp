@@ -1,0 +1,177 @@
+// The data source as a TWAIN manager sees it: loaded with dlopen, asked for
+// its identity, opened, sent triplets, closed and unloaded.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "DataSourceManager.h"
+#include "support/TestEnvironment.h"
+
+namespace zentary {
+namespace {
+
+using namespace twain;
+using test::ScopedEnv;
+using test::ScratchDir;
+
+std::unique_ptr<DataSourceManager> loadSource()
+{
+    std::string error;
+    auto manager = DataSourceManager::load(test::dataSourcePath().string(), &error);
+    EXPECT_TRUE(manager) << error;
+    return manager;
+}
+
+// Every test runs with the emulated scanner, no windows, its own
+// preferences and its own user-interface log.
+class DataSourceTest : public ::testing::Test {
+protected:
+    ScratchDir mScratch;
+    ScopedEnv mScanner{"ZENTARY_SCANNER", "emulator"};
+    ScopedEnv mUi{"ZENTARY_UI", "headless"};
+    ScopedEnv mConfig{"XDG_CONFIG_HOME", mScratch.path().string()};
+    ScopedEnv mLog{"ZENTARY_UI_LOG", (mScratch.path() / "ui.log").string()};
+    ScopedEnv mBundle{"ZENTARY_BUNDLE", std::nullopt};
+
+    std::vector<std::string> uiLog() { return test::readLines(mScratch.path() / "ui.log"); }
+};
+
+TEST(DataSourceExports, OnlyDsEntryIsExported)
+{
+    std::string command = "nm -D --defined-only " + test::dataSourcePath().string();
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    ASSERT_TRUE(pipe);
+    std::vector<std::string> symbols;
+    char line[512];
+    while (std::fgets(line, sizeof(line), pipe.get())) {
+        std::string text(line);
+        symbols.push_back(text.substr(text.rfind(' ') + 1, text.find_last_not_of('\n') - text.rfind(' ')));
+    }
+    ASSERT_EQ(symbols.size(), 1u);
+    EXPECT_EQ(symbols[0], "DS_Entry");
+}
+
+TEST_F(DataSourceTest, IdentityIsTheSameBeforeOpenWhileOpenAndAfterReload)
+{
+    TW_IDENTITY first{}, whileOpen{}, reloaded{};
+    {
+        auto source = loadSource();
+        EXPECT_EQ(source->call(DG_CONTROL, DAT_IDENTITY, MSG_GET, &first), TWRC_SUCCESS);
+        EXPECT_EQ(source->call(DG_CONTROL, DAT_IDENTITY, MSG_GET, nullptr), TWRC_SUCCESS);
+        ASSERT_EQ(source->open(), TWRC_SUCCESS) << source->conditionCode();
+        EXPECT_EQ(source->call(DG_CONTROL, DAT_IDENTITY, MSG_GET, &whileOpen), TWRC_SUCCESS);
+    }
+    auto source = loadSource();
+    EXPECT_EQ(source->call(DG_CONTROL, DAT_IDENTITY, MSG_GET, &reloaded), TWRC_SUCCESS);
+
+    EXPECT_EQ(std::memcmp(&first, &whileOpen, sizeof(first)), 0);
+    EXPECT_EQ(std::memcmp(&first, &reloaded, sizeof(first)), 0);
+    EXPECT_STREQ(first.Manufacturer, "Tarvell Co.");
+    EXPECT_STREQ(first.ProductFamily, "Tarvell Zentary");
+    EXPECT_STREQ(first.ProductName, "Tarvell Zentary Q305 MFP");
+    EXPECT_EQ(first.Id, 0u);
+    EXPECT_EQ(first.ProtocolMajor, 1);
+    EXPECT_EQ(first.ProtocolMinor, 9);
+    EXPECT_EQ(first.SupportedGroups & 0xFFFF, DG_CONTROL | DG_IMAGE);
+    EXPECT_TRUE(first.SupportedGroups & DF_DS2);
+    EXPECT_EQ(first.Version.Language, TWLG_USA);
+    EXPECT_EQ(first.Version.Country, TWCY_USA);
+    // The build's bundle says 1.0.0, build 1.
+    EXPECT_EQ(first.Version.MajorNum, 1);
+    EXPECT_EQ(first.Version.MinorNum, 0);
+    EXPECT_STREQ(first.Version.Info, "1.0.0 (1)");
+}
+
+TEST_F(DataSourceTest, TripletsWithoutAnEngineFailWithTheirCodes)
+{
+    auto source = loadSource();
+    TW_STATUS status{};
+    TW_UINT32 group = 0;
+    struct Case {
+        const char* what;
+        TW_UINT32 dg;
+        TW_UINT16 dat, msg;
+        TW_MEMREF data;
+        TW_UINT16 expected;
+    } cases[] = {
+        {"image triplet", DG_IMAGE, DAT_IMAGEINFO, MSG_GET, &status, TWCC_SEQERROR},
+        {"control triplet", DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group, TWCC_SEQERROR},
+        {"close", DG_CONTROL, DAT_IDENTITY, MSG_CLOSEDS, &source->source(), TWCC_SEQERROR},
+        {"audio group", DG_AUDIO, DAT_NULL, MSG_GET, &status, TWCC_BADPROTOCOL},
+        {"unknown group", 0x80, DAT_STATUS, MSG_GET, &status, TWCC_BADPROTOCOL},
+        {"identity other message", DG_CONTROL, DAT_IDENTITY, MSG_SET, &source->source(), TWCC_BADPROTOCOL},
+        {"status other message", DG_CONTROL, DAT_STATUS, MSG_SET, &status, TWCC_BADPROTOCOL},
+        {"status without data", DG_CONTROL, DAT_STATUS, MSG_GET, nullptr, TWCC_BADVALUE},
+        {"entry point without data", DG_CONTROL, DAT_ENTRYPOINT, MSG_SET, nullptr, TWCC_BADVALUE},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(source->call(c.dg, c.dat, c.msg, c.data), TWRC_FAILURE) << c.what;
+        // DAT_STATUS reports the code once; having succeeded, it clears it.
+        EXPECT_EQ(source->conditionCode(), c.expected) << c.what;
+        EXPECT_EQ(source->conditionCode(), TWCC_SUCCESS) << c.what;
+    }
+}
+
+TEST_F(DataSourceTest, OpenTwiceFailsAndLeavesTheFirstSessionAlone)
+{
+    auto source = loadSource();
+    ASSERT_EQ(source->open(), TWRC_SUCCESS) << source->conditionCode();
+    EXPECT_EQ(source->call(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, &source->source()), TWRC_FAILURE);
+    EXPECT_EQ(source->conditionCode(), TWCC_SEQERROR);
+
+    TW_UINT32 group = 0;
+    EXPECT_EQ(source->call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group), TWRC_SUCCESS);
+    EXPECT_EQ(group, DG_IMAGE);
+    EXPECT_EQ(source->close(), TWRC_SUCCESS);
+    EXPECT_EQ(source->close(), TWRC_FAILURE);
+    EXPECT_EQ(source->conditionCode(), TWCC_SEQERROR);
+    // Opening again after a close works: the single instance was released.
+    EXPECT_EQ(source->open(), TWRC_SUCCESS);
+}
+
+TEST_F(DataSourceTest, OpenWithoutAScannerShowsAlertTwo)
+{
+    ScopedEnv noEmulator("ZENTARY_SCANNER", std::nullopt);
+    auto source = loadSource();
+    EXPECT_EQ(source->open(), TWRC_FAILURE);
+    EXPECT_EQ(source->conditionCode(), TWCC_OPERATIONERROR);
+    auto log = uiLog();
+    ASSERT_FALSE(log.empty());
+    EXPECT_NE(log.back().find("\"row\":2"), std::string::npos) << log.back();
+    EXPECT_NE(log.back().find("No scanners are available."), std::string::npos) << log.back();
+}
+
+TEST_F(DataSourceTest, OpenWithoutCapabilityDefinitionsFailsForLowMemory)
+{
+    // A copy of the bundle whose capability definitions are missing.
+    std::filesystem::path bundle = mScratch.path() / "Broken.bundle";
+    std::filesystem::copy(test::bundlePath(), bundle, std::filesystem::copy_options::recursive);
+    std::filesystem::remove_all(bundle / "Resources/Capabilities");
+    ScopedEnv useIt("ZENTARY_BUNDLE", bundle.string());
+
+    auto source = loadSource();
+    EXPECT_EQ(source->open(), TWRC_FAILURE);
+    EXPECT_EQ(source->conditionCode(), TWCC_LOWMEMORY);
+    auto log = uiLog();
+    ASSERT_FALSE(log.empty());
+    EXPECT_NE(log.back().find("open-failed"), std::string::npos) << log.back();
+}
+
+TEST_F(DataSourceTest, UnloadingAnOpenSourceStopsItsThreads)
+{
+    int before = test::threadCount();
+    for (int round = 0; round < 2; ++round) {
+        auto source = loadSource();
+        ASSERT_EQ(source->open(), TWRC_SUCCESS);
+        // Unload without MSG_CLOSEDS, as a crashing or careless client would.
+        source->closeOnDestroy = false;
+        source.reset();
+    }
+    EXPECT_EQ(test::threadCount(), before);
+}
+
+}  // namespace
+}  // namespace zentary

@@ -1,0 +1,94 @@
+// Small helpers shared by the tests: a scratch directory, scoped environment
+// variables, and reading the user-interface log.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace zentary::test {
+
+// A fresh directory under the temporary folder, removed with its contents.
+class ScratchDir {
+public:
+    ScratchDir()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "zentary-test-XXXXXX").string();
+        mPath = mkdtemp(pattern.data()) ? std::filesystem::path(pattern) : std::filesystem::path();
+    }
+    ~ScratchDir()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(mPath, ignored);
+    }
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+    const std::filesystem::path& path() const { return mPath; }
+
+private:
+    std::filesystem::path mPath;
+};
+
+// Sets (or with nullopt unsets) an environment variable for a scope.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, std::optional<std::string> value) : mName(name)
+    {
+        if (const char* old = std::getenv(name)) mOld = old;
+        if (value)
+            setenv(name, value->c_str(), 1);
+        else
+            unsetenv(name);
+    }
+    ~ScopedEnv()
+    {
+        if (mOld)
+            setenv(mName.c_str(), mOld->c_str(), 1);
+        else
+            unsetenv(mName.c_str());
+    }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string mName;
+    std::optional<std::string> mOld;
+};
+
+inline std::filesystem::path buildDir()
+{
+    const char* dir = std::getenv("ZENTARY_BUILD_DIR");
+    return dir ? dir : ".";
+}
+
+inline std::filesystem::path dataSourcePath()
+{
+    return buildDir() / "twain/tarvell/ZentaryQ305.ds";
+}
+
+inline std::filesystem::path bundlePath()
+{
+    return buildDir() / "twain/tarvell/ZentaryQ305.bundle";
+}
+
+inline std::vector<std::string> readLines(const std::filesystem::path& file)
+{
+    std::vector<std::string> lines;
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// Threads of this process right now.
+inline int threadCount()
+{
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
+    return count;
+}
+
+}  // namespace zentary::test

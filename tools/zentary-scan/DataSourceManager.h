@@ -1,0 +1,70 @@
+// A minimal TWAIN Data Source Manager: loads one data source with dlopen,
+// gives it our entry point and memory functions, and passes triplets to it.
+// zentary-scan and the integration tests drive the data source through it,
+// the way a real manager would.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "twain/twain.h"
+
+namespace zentary {
+
+class DataSourceManager {
+public:
+    // Loads the .ds at `path`; null with *error set when it cannot.
+    static std::unique_ptr<DataSourceManager> load(const std::string& path, std::string* error);
+    ~DataSourceManager();  // closes the source if open, then dlclose
+    DataSourceManager(const DataSourceManager&) = delete;
+    DataSourceManager& operator=(const DataSourceManager&) = delete;
+
+    // The client's identity (filled with this tool's names; tests may edit
+    // it before open()) and the source's as the source reported it.
+    TW_IDENTITY& application() { return mApplication; }
+    TW_IDENTITY& source() { return mSource; }
+
+    // DS_Entry with the application as origin.
+    TW_UINT16 call(TW_UINT32 group, TW_UINT16 type, TW_UINT16 message, TW_MEMREF data);
+    // DG_CONTROL/DAT_IDENTITY/MSG_GET into source().
+    TW_UINT16 getIdentity();
+    // DAT_ENTRYPOINT with our DSM_Entry and memory functions.
+    TW_UINT16 sendEntryPoint();
+    // Identity, entry point and MSG_OPENDS, as a manager does on open.
+    TW_UINT16 open();
+    TW_UINT16 close();
+    // DAT_STATUS: the source's condition code (the call clears it).
+    TW_UINT16 conditionCode();
+
+    // Messages the source sent us through DSM_Entry (MSG_XFERREADY,
+    // MSG_CLOSEDSREQ, ...), oldest first; waits up to `timeout`.
+    std::optional<TW_UINT16> waitForMessage(std::chrono::milliseconds timeout);
+    // Called for each message before it is queued; its answer is DSM_Entry's
+    // return code. Tests use it to fail or to re-enter the source.
+    std::function<TW_UINT16(TW_UINT16 message)> onMessage;
+    // Whether destruction sends MSG_CLOSEDS to a source left open; tests
+    // clear it to unload an open source, as a careless client would.
+    bool closeOnDestroy = true;
+
+private:
+    DataSourceManager() = default;
+    static TW_UINT16 dsmEntry(TW_IDENTITY* origin, TW_IDENTITY* destination, TW_UINT32 group, TW_UINT16 type,
+                              TW_UINT16 message, TW_MEMREF data);
+
+    void* mLibrary = nullptr;
+    DSENTRYPROC mEntry = nullptr;
+    TW_IDENTITY mApplication{};
+    TW_IDENTITY mSource{};
+    bool mOpen = false;
+    std::mutex mMutex;
+    std::condition_variable mArrived;
+    std::deque<TW_UINT16> mMessages;
+};
+
+}  // namespace zentary
