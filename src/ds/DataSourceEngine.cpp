@@ -6,6 +6,7 @@
 #include <new>
 
 #include "capabilities/Capabilities.h"
+#include "imaging/OffscreenImage.h"
 #include "ds/DSAlerts.h"
 #include "ds/DSBundle.h"
 #include "ds/DSPreferences.h"
@@ -143,8 +144,17 @@ DataSourceEngine::DataSourceEngine()
 
 DataSourceEngine::~DataSourceEngine()
 {
+    // Nothing may reach the engine once it is gone: no notification, no
+    // timer. Observers go first, since closing a running session delivers
+    // the end of its scan while it waits.
+    stopObservingScans();
+    if (mLoop)
+        for (RunLoop::TimerId id : mTimers) mLoop->cancel(id);
+    mTimers.clear();
     if (mScanner) mScanner->closeSession();
     mScanner.reset();
+    // A scan that was never transferred leaves no temporary file behind.
+    deleteImageFile();
     mCapabilities.reset();
     gEngineAllocated = false;
 }
@@ -250,6 +260,7 @@ std::unique_ptr<DataSourceEngine> DataSourceEngine::initWithOrigin(const TW_IDEN
     engine->mMaximumMemoryBufferSize = 0xFFFFFFFF;
     engine->mMemoryTransferRowsTransfered = 0;
     engine->mImageTransferState = 1;
+    engine->mLoop = RunLoop::current();
     engine->mState = kStateOpen;
     return engine;
 }

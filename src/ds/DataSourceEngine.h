@@ -10,11 +10,18 @@
 #include <optional>
 #include <string>
 
+#include <set>
+#include <vector>
+
+#include "platform/NotificationCenter.h"
+#include "platform/RunLoop.h"
 #include "twain/twain.h"
 
 namespace zentary {
 
 class Capabilities;
+class CapabilityValue;
+class OffscreenImage;
 class ScanDevice;
 
 class DataSourceEngine {
@@ -49,6 +56,17 @@ public:
     TW_UINT16 image(TW_IDENTITY* origin, TW_UINT16 type, TW_UINT16 message, TW_MEMREF data,
                     TW_UINT16* conditionCode);
 
+    // The scan cycle.
+    // Starts a scan, or retries every 0.25 s (at most 10 times) while the
+    // scanner session is still coming up. `retry` is the attempt so far.
+    void startScanning(std::optional<int> retry);
+    // Asks the scanner to stop the running scan (progress window's Cancel).
+    void stopScanning();
+    // Enters state 6 and tells the client a transfer is ready.
+    void startTransfer();
+    // Asks the client to close the source (dialog's Cancel, failed scans).
+    void requestClose();
+
     // The TWAIN state (4..7) this engine stands for.
     int twainState() const { return static_cast<int>(mState) + 3; }
     bool clientIsImageCapture() const { return mClientIsImageCapture; }
@@ -60,12 +78,54 @@ public:
     const TW_SETUPFILEXFER2& file() const { return mFile; }
     const TW_SETUPFILEXFER2& defaultFile() const { return mDefaultFile; }
 
+    std::optional<std::string> imageFile() const { return mImageFile; }
+    bool dialogShown() const { return mDialogShown; }
+    bool progressShown() const { return mProgressShown; }
+
 private:
     DataSourceEngine();
 
+    // Control group.
     TW_UINT16 capability(TW_UINT16 message, TW_CAPABILITY* cap, TW_UINT16* conditionCode);
     TW_UINT16 event(TW_UINT16 message, TW_EVENT* event, TW_UINT16* conditionCode);
+    TW_UINT16 pendingTransfers(TW_UINT16 message, TW_PENDINGXFERS* transfers, TW_UINT16* conditionCode);
+    TW_UINT16 setupMemoryTransfer(TW_UINT16 message, TW_SETUPMEMXFER* info, TW_UINT16* conditionCode);
+    TW_UINT16 userInterface(TW_UINT16 message, TW_USERINTERFACE* info, TW_UINT16* conditionCode);
     TW_UINT16 transferGroup(TW_UINT16 message, TW_UINT32* group, TW_UINT16* conditionCode);
+    TW_UINT16 enable(TW_USERINTERFACE& info, TW_UINT16* conditionCode);
+    void disable();
+    void endTransfer();
+    void deleteImageFile();
+    void redisplayDataSourceDialog();
+
+    // File transfer set-up.
+    TW_UINT16 setupFileTransfer(TW_UINT16 type, TW_UINT16 message, TW_MEMREF info, TW_UINT16* conditionCode);
+    TW_UINT16 fillTwainFileTransfer(TW_SETUPFILEXFER& out, const TW_SETUPFILEXFER2& file, TW_UINT16 format,
+                                    bool checkExistence);
+    TW_UINT16 fillTwainFileTransfer2(TW_SETUPFILEXFER2& out, const TW_SETUPFILEXFER2& file, TW_UINT16 format,
+                                     bool checkExistence);
+    TW_UINT16 setFileTransferFromTwain(const TW_SETUPFILEXFER& file, TW_UINT16 formatCapability);
+    TW_UINT16 setFileTransferFromTwain2(const TW_SETUPFILEXFER2& file, TW_UINT16 formatCapability);
+    void resetFileTransferUsingFormat(std::optional<TW_UINT16> format);
+    std::optional<TW_UINT16> validateFileFormat(TW_UINT16 format, TW_UINT16 formatCapability,
+                                                TW_UINT16* conditionCode);
+
+    // Scan cycle.
+    bool prepareForScan();
+    bool startNextScan();
+    void scanNotification(bool completed);
+    void stopObservingScans();
+    TW_UINT16 sendMessageToApplication(TW_UINT16 message);
+    // Runs `task` on the loop after `delay` unless the engine is gone by then.
+    RunLoop::TimerId schedule(std::chrono::milliseconds delay, std::function<void()> task);
+    void cancelTimer(std::optional<RunLoop::TimerId>& timer);
+
+    // The settings dialog and the progress window.
+    void showDialog();
+    void releaseDialog();
+    void showProgress();
+    void closeProgress();
+    void progressScanDidComplete();
 
     TW_IDENTITY mApplication{};
     TW_IDENTITY mSource{};
@@ -85,9 +145,17 @@ private:
     TW_UINT32 mMinimumMemoryBufferSize = kDefaultMinimumMemoryBufferSize;
     TW_UINT32 mMaximumMemoryBufferSize = 0xFFFFFFFF;
     TW_UINT32 mMemoryTransferRowsTransfered = 0;
+    std::unique_ptr<OffscreenImage> mMemoryTransferGraphicsWorld;
     // The buffers behind mFile.FileName and mDefaultFile.FileName.
     std::unique_ptr<char[]> mFileName;
     std::unique_ptr<char[]> mDefaultFileName;
+
+    RunLoop* mLoop = nullptr;  // the loop the engine lives on
+    std::set<RunLoop::TimerId> mTimers;
+    std::optional<RunLoop::TimerId> mImageCaptureMultipleScanTimer;
+    std::vector<NotificationCenter::Token> mScanObservers;
+    bool mDialogShown = false;
+    bool mProgressShown = false;
 };
 
 }  // namespace zentary
