@@ -1,0 +1,115 @@
+// Where a file transfer writes: DAT_SETUPFILEXFER and DAT_SETUPFILEXFER2.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "DataSourceManager.h"
+#include "support/TestEnvironment.h"
+#include "support/Triplets.h"
+
+namespace zentary {
+namespace {
+
+using namespace twain;
+using test::ScopedEnv;
+using test::ScratchDir;
+
+class FileSetupTest : public ::testing::Test {
+protected:
+    ScratchDir mScratch;
+    ScopedEnv mTmp{"TMPDIR", mScratch.path().string()};
+    ScopedEnv mScanner{"ZENTARY_SCANNER", "emulator"};
+    ScopedEnv mUi{"ZENTARY_UI", "headless"};
+    ScopedEnv mConfig{"XDG_CONFIG_HOME", mScratch.path().string()};
+    std::unique_ptr<DataSourceManager> mSource;
+    char mName[1026] = {};
+
+    void SetUp() override
+    {
+        std::string error;
+        mSource = DataSourceManager::load(test::dataSourcePath().string(), &error);
+        ASSERT_TRUE(mSource) << error;
+        ASSERT_EQ(mSource->open(), TWRC_SUCCESS);
+        ASSERT_EQ(test::setOneValue(*mSource, ICAP_XFERMECH, TWTY_UINT16, TWSX_FILE2), TWRC_SUCCESS);
+    }
+
+    TW_UINT16 call2(TW_UINT16 message, const std::string& name = "", TW_UINT16 format = TWFF_TIFF)
+    {
+        std::memset(mName, 0, sizeof(mName));
+        std::memcpy(mName, name.data(), std::min(name.size(), sizeof(mName) - 1));
+        mRecord = {mName, TWTY_STR1024, format, 7, 9};
+        return mSource->call(DG_CONTROL, DAT_SETUPFILEXFER2, message, &mRecord);
+    }
+    TW_SETUPFILEXFER2 mRecord{};
+    std::string path(const char* name) const { return (mScratch.path() / name).string(); }
+};
+
+TEST_F(FileSetupTest, TheDefaultTargetIsInTheTemporaryFolder)
+{
+    for (TW_UINT16 message : {MSG_GET, MSG_GETDEFAULT}) {
+        ASSERT_EQ(call2(message), TWRC_SUCCESS);
+        EXPECT_EQ(std::string(mName), path("ZentaryScan.tmp"));
+        EXPECT_EQ(mRecord.Format, TWFF_TIFF);
+        EXPECT_EQ(mRecord.VRefNum, 0);
+        EXPECT_EQ(mRecord.ParID, 0u);
+        TW_SETUPFILEXFER shortForm{};
+        ASSERT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, message, &shortForm), TWRC_SUCCESS);
+        EXPECT_EQ(std::string(shortForm.FileName), path("ZentaryScan.tmp"));
+    }
+}
+
+TEST_F(FileSetupTest, SettingATargetCreatesOrEmptiesIt)
+{
+    std::ofstream(path("full.tif")) << "old contents";
+    std::filesystem::create_symlink(path("elsewhere"), path("link.tif"));
+    struct Case {
+        const char* what;
+        std::string name;
+        TW_UINT16 format;
+        TW_UINT16 rc, code;
+        std::string reported;  // the name MSG_GET then reports
+        TW_UINT16 reportedFormat;
+    } cases[] = {
+        {"new file", path("new.tif"), TWFF_TIFF, TWRC_SUCCESS, 0, path("new.tif"), TWFF_TIFF},
+        {"existing file", path("full.tif"), TWFF_JFIF, TWRC_SUCCESS, 0, path("full.tif"), TWFF_JFIF},
+        {"unsupported format", path("b.bmp"), TWFF_BMP, TWRC_FAILURE, TWCC_BADVALUE, path("b.bmp"), TWFF_TIFF},
+        {"missing directory", path("no/such.tif"), TWFF_PICT, TWRC_FAILURE, TWCC_BADVALUE,
+         path("ZentaryScan.tmp"), TWFF_PICT},
+        {"planted symlink", path("link.tif"), TWFF_TIFF, TWRC_FAILURE, TWCC_BADVALUE, path("ZentaryScan.tmp"),
+         TWFF_TIFF},
+        {"a directory", mScratch.path().string(), TWFF_TIFF, TWRC_FAILURE, TWCC_BADVALUE, path("ZentaryScan.tmp"),
+         TWFF_TIFF},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(call2(MSG_SET, c.name, c.format), c.rc) << c.what;
+        EXPECT_EQ(mSource->conditionCode(), c.code) << c.what;
+        ASSERT_EQ(call2(MSG_GET), TWRC_SUCCESS) << c.what;
+        EXPECT_EQ(std::string(mName), c.reported) << c.what;
+        EXPECT_EQ(mRecord.Format, c.reportedFormat) << c.what;
+    }
+    EXPECT_EQ(std::filesystem::file_size(path("new.tif")), 0u);
+    EXPECT_EQ(std::filesystem::file_size(path("full.tif")), 0u);
+    EXPECT_FALSE(std::filesystem::exists(path("elsewhere")));
+}
+
+TEST_F(FileSetupTest, MessagesAndMechanismsAreChecked)
+{
+    EXPECT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER2, MSG_GET, nullptr), TWRC_FAILURE);
+    EXPECT_EQ(mSource->conditionCode(), TWCC_BADVALUE);
+    EXPECT_EQ(call2(MSG_GETCURRENT), TWRC_FAILURE);
+    EXPECT_EQ(mSource->conditionCode(), TWCC_BADPROTOCOL);
+    // The short form goes with TWSX_FILE, the long one with TWSX_FILE2.
+    TW_SETUPFILEXFER shortForm{};
+    std::strcpy(shortForm.FileName, path("short.tif").c_str());
+    EXPECT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &shortForm), TWRC_FAILURE);
+    ASSERT_EQ(test::setOneValue(*mSource, ICAP_XFERMECH, TWTY_UINT16, TWSX_FILE), TWRC_SUCCESS);
+    EXPECT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &shortForm), TWRC_SUCCESS);
+    EXPECT_TRUE(std::filesystem::exists(path("short.tif")));
+    EXPECT_EQ(call2(MSG_SET, path("long.tif")), TWRC_FAILURE);
+    // Reset brings back the default target and format.
+    EXPECT_EQ(call2(MSG_RESET), TWRC_SUCCESS);
+    EXPECT_EQ(std::string(mName), path("ZentaryScan.tmp"));
+}
+
+}  // namespace
+}  // namespace zentary

@@ -1,0 +1,262 @@
+// One acquisition through the loaded data source, up to a ready transfer and
+// back, for each kind of client, with and without the dialog, and what
+// happens when the scanner or the client misbehaves.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "DataSourceManager.h"
+#include "support/TestEnvironment.h"
+#include "support/Triplets.h"
+
+namespace zentary {
+namespace {
+
+using namespace twain;
+using namespace std::chrono_literals;
+using test::ScopedEnv;
+using test::ScratchDir;
+
+constexpr auto kScanTimeout = 20s;
+
+class ScanCycleTest : public ::testing::Test {
+protected:
+    ScratchDir mScratch;
+    ScopedEnv mTmp{"TMPDIR", mScratch.path().string()};
+    ScopedEnv mScanner{"ZENTARY_SCANNER", "emulator"};
+    ScopedEnv mUi{"ZENTARY_UI", "headless"};
+    ScopedEnv mConfig{"XDG_CONFIG_HOME", mScratch.path().string()};
+    ScopedEnv mLog{"ZENTARY_UI_LOG", (mScratch.path() / "ui.log").string()};
+    ScopedEnv mBundle{"ZENTARY_BUNDLE", std::nullopt};
+    ScopedEnv mFreeSpace{"ZENTARY_FAKE_FREE_SPACE", std::nullopt};
+
+    std::unique_ptr<DataSourceManager> openAs(const char* manufacturer, const char* product)
+    {
+        std::string error;
+        auto source = DataSourceManager::load(test::dataSourcePath().string(), &error);
+        EXPECT_TRUE(source) << error;
+        if (!source) return nullptr;
+        std::strncpy(source->application().Manufacturer, manufacturer, 33);
+        std::strncpy(source->application().ProductName, product, 33);
+        EXPECT_EQ(source->open(), TWRC_SUCCESS);
+        // A small, quick scan.
+        EXPECT_EQ(test::setOneValue(*source, ICAP_XRESOLUTION, TWTY_FIX32, test::fix32Item(150)), TWRC_SUCCESS);
+        return source;
+    }
+
+    int rawFiles() const
+    {
+        int count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(mScratch.path()))
+            if (entry.path().extension() == ".raw") ++count;
+        return count;
+    }
+
+    std::string uiLog() const
+    {
+        std::string all;
+        for (const auto& line : test::readLines(mScratch.path() / "ui.log")) all += line + "\n";
+        return all;
+    }
+};
+
+struct Client {
+    const char* manufacturer;
+    const char* product;
+    bool imageCapture;
+};
+const Client kGeneric{"GIMP", "gimp", false};
+const Client kReadiris{"I.R.I.S.", "Readiris Pro", false};
+const Client kImageCapture{"Apple Computer, Inc.", "Image Capture", true};
+
+TEST_F(ScanCycleTest, EveryClientReachesAReadyTransferAndComesBack)
+{
+    struct Case {
+        Client client;
+        bool showUI;
+    } cases[] = {{kGeneric, false}, {kGeneric, true}, {kReadiris, false}, {kReadiris, true}, {kImageCapture, true}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.client.product) + (c.showUI ? " with dialog" : " without dialog"));
+        auto source = openAs(c.client.manufacturer, c.client.product);
+        ASSERT_TRUE(source);
+        TW_UINT16 count = 0;
+        ASSERT_EQ(test::enable(*source, c.showUI), TWRC_SUCCESS);
+        EXPECT_EQ(test::pending(*source, MSG_GET, &count), TWRC_FAILURE);  // not yet scanned
+        EXPECT_EQ(count, 0);
+        EXPECT_EQ(source->conditionCode(), TWCC_SEQERROR);
+
+        ASSERT_EQ(source->waitForMessage(kScanTimeout), std::optional<TW_UINT16>(MSG_XFERREADY));
+        EXPECT_EQ(test::pending(*source, MSG_GET, &count), TWRC_SUCCESS);
+        EXPECT_EQ(count, 1);
+        EXPECT_EQ(rawFiles(), 1);
+
+        // The buffer sizes come from the scan: 8.5 in at 150 dpi is 1275
+        // colour pixels, 3825 bytes, padded by its remainder to 3826.
+        TW_SETUPMEMXFER sizes{};
+        ASSERT_EQ(source->call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes), TWRC_SUCCESS);
+        EXPECT_EQ(sizes.MinBufSize, 3826u);
+        EXPECT_EQ(sizes.MaxBufSize % 3826u, 0u);
+        EXPECT_EQ(sizes.Preferred, sizes.MaxBufSize);
+        EXPECT_EQ(test::disable(*source), TWRC_FAILURE);  // the transfer must end first
+
+        EXPECT_EQ(test::pending(*source, MSG_ENDXFER, &count), TWRC_SUCCESS);
+        EXPECT_EQ(count, 0);
+        EXPECT_EQ(rawFiles(), 0);
+        if (c.client.imageCapture) {
+            // The dialog comes back for the next page, which the headless
+            // dialog scans at once.
+            ASSERT_EQ(source->waitForMessage(kScanTimeout), std::optional<TW_UINT16>(MSG_XFERREADY));
+            EXPECT_EQ(test::pending(*source, MSG_RESET, &count), TWRC_SUCCESS);
+            EXPECT_EQ(rawFiles(), 0);
+        }
+        EXPECT_EQ(test::disable(*source), TWRC_SUCCESS);
+        EXPECT_EQ(source->close(), TWRC_SUCCESS);
+        EXPECT_FALSE(source->waitForMessage(300ms)) << "no message after the cycle";
+    }
+}
+
+TEST_F(ScanCycleTest, ImageCaptureWithoutTheDialogIsRefusedWithASystemAlert)
+{
+    auto source = openAs(kImageCapture.manufacturer, kImageCapture.product);
+    ASSERT_TRUE(source);
+    EXPECT_EQ(test::enable(*source, false), TWRC_FAILURE);
+    EXPECT_EQ(source->conditionCode(), TWCC_OPERATIONERROR);
+    EXPECT_NE(uiLog().find("\"row\":12"), std::string::npos) << uiLog();
+    EXPECT_NE(uiLog().find("\"modal\":\"system\""), std::string::npos);
+    // Still in state 4, and enabling with the dialog now works.
+    EXPECT_EQ(test::setOneValue(*source, ICAP_XRESOLUTION, TWTY_FIX32, test::fix32Item(300)), TWRC_SUCCESS);
+    EXPECT_EQ(test::enable(*source, true), TWRC_SUCCESS);
+}
+
+TEST_F(ScanCycleTest, EnabledSourceGatesTripletsByState)
+{
+    ScopedEnv cancel("ZENTARY_UI", "headless-cancel");
+    auto source = openAs(kGeneric.manufacturer, kGeneric.product);
+    ASSERT_TRUE(source);
+    TW_USERINTERFACE ui{1, 1, nullptr};
+    ASSERT_EQ(source->call(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, &ui), TWRC_SUCCESS);
+    EXPECT_EQ(ui.ModalUI, 0) << "the dialog is modeless";
+    // Cancel in the dialog asks the client to close.
+    EXPECT_EQ(source->waitForMessage(kScanTimeout), std::optional<TW_UINT16>(MSG_CLOSEDSREQ));
+
+    struct Case {
+        const char* what;
+        TW_UINT16 rc, code;
+        std::function<TW_UINT16()> call;
+    } cases[] = {
+        {"set capability", TWRC_FAILURE, TWCC_SEQERROR,
+         [&] { return test::setOneValue(*source, ICAP_XRESOLUTION, TWTY_FIX32, test::fix32Item(600)); }},
+        {"end transfer", TWRC_FAILURE, TWCC_SEQERROR, [&] { return test::pending(*source, MSG_ENDXFER); }},
+        {"reset transfers", TWRC_FAILURE, TWCC_SEQERROR, [&] { return test::pending(*source, MSG_RESET); }},
+        {"enable again", TWRC_FAILURE, TWCC_SEQERROR, [&] { return test::enable(*source, false); }},
+        {"pending, unknown message", TWRC_FAILURE, TWCC_BADPROTOCOL,
+         [&] { return test::pending(*source, MSG_SET); }},
+        {"user interface only", TWRC_FAILURE, TWCC_BADPROTOCOL,
+         [&] { return source->call(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDSUIONLY, &ui); }},
+        {"event", TWRC_NOTDSEVENT, TWCC_SUCCESS,
+         [&] {
+             TW_EVENT event{nullptr, 0x1234};
+             TW_UINT16 rc = source->call(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
+             EXPECT_EQ(event.TWMessage, MSG_NULL);
+             return rc;
+         }},
+        {"parent", TWRC_FAILURE, TWCC_BADPROTOCOL,
+         [&] { return source->call(DG_CONTROL, DAT_PARENT, MSG_GET, &ui); }},
+        {"memory sizes before a scan", TWRC_SUCCESS, TWCC_SUCCESS,
+         [&] {
+             TW_SETUPMEMXFER sizes{};
+             TW_UINT16 rc = source->call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes);
+             EXPECT_EQ(sizes.MinBufSize, 32768u);
+             EXPECT_EQ(sizes.MaxBufSize, 0xFFFFFFFFu);
+             return rc;
+         }},
+        {"memory sizes without data", TWRC_FAILURE, TWCC_BADVALUE,
+         [&] { return source->call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, nullptr); }},
+        {"disable", TWRC_SUCCESS, TWCC_SUCCESS, [&] { return test::disable(*source); }},
+        {"disable again", TWRC_FAILURE, TWCC_SEQERROR, [&] { return test::disable(*source); }},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.call(), c.rc) << c.what;
+        EXPECT_EQ(source->conditionCode(), c.code) << c.what;
+    }
+    EXPECT_EQ(test::currentOneValue(*source, ICAP_XRESOLUTION), test::fix32Item(150));
+}
+
+TEST_F(ScanCycleTest, FailedScansTellTheUserAndAskToClose)
+{
+    struct Case {
+        const char* scanner;
+        std::optional<std::string> freeSpace;
+        const char* alert;  // expected in the log, or null when the end is silent
+    } cases[] = {
+        {"emulator:fault=lock-refused", std::nullopt, "\"row\":4"},
+        {"emulator", "1000", "\"row\":7"},
+        {"emulator:fault=disconnect@100", std::nullopt, nullptr},
+        {"emulator:fault=malformed-data", std::nullopt, nullptr},
+        {"emulator:fault=not-ready@20", std::nullopt, "\"row\":4"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.scanner);
+        ScopedEnv scanner("ZENTARY_SCANNER", c.scanner);
+        ScopedEnv freeSpace("ZENTARY_FAKE_FREE_SPACE", c.freeSpace);
+        std::filesystem::remove(mScratch.path() / "ui.log");
+        auto source = openAs(kGeneric.manufacturer, kGeneric.product);
+        ASSERT_TRUE(source);
+        ASSERT_EQ(test::enable(*source, false), TWRC_SUCCESS);  // failures come later, by alert
+        EXPECT_EQ(source->waitForMessage(60s), std::optional<TW_UINT16>(MSG_CLOSEDSREQ));
+        if (c.alert) EXPECT_NE(uiLog().find(c.alert), std::string::npos) << uiLog();
+        EXPECT_EQ(rawFiles(), 0);
+        EXPECT_EQ(test::disable(*source), TWRC_SUCCESS);
+        EXPECT_EQ(source->close(), TWRC_SUCCESS);
+    }
+}
+
+TEST_F(ScanCycleTest, ClientCallbacksMayFailOrReenterTheSource)
+{
+    for (const Client& client : {kGeneric, kImageCapture}) {
+        SCOPED_TRACE(client.product);
+        auto source = openAs(client.manufacturer, client.product);
+        ASSERT_TRUE(source);
+        std::optional<TW_UINT16> countInCallback;
+        DataSourceManager* raw = source.get();
+        source->onMessage = [&countInCallback, raw](TW_UINT16 message) {
+            if (message == MSG_XFERREADY) {
+                TW_UINT16 count = 0;
+                test::pending(*raw, MSG_GET, &count);  // re-entry from inside the callback
+                countInCallback = count;
+            }
+            return TWRC_FAILURE;  // and the callback itself fails
+        };
+        ASSERT_EQ(test::enable(*source, true), TWRC_SUCCESS);
+        ASSERT_EQ(source->waitForMessage(kScanTimeout), std::optional<TW_UINT16>(MSG_XFERREADY));
+        EXPECT_EQ(countInCallback, std::optional<TW_UINT16>(1)) << "state 6 comes before the message";
+        source->onMessage = nullptr;
+        EXPECT_EQ(test::pending(*source, MSG_RESET), TWRC_SUCCESS);
+        EXPECT_EQ(test::disable(*source), TWRC_SUCCESS);
+    }
+}
+
+TEST_F(ScanCycleTest, ClosingOrUnloadingDuringAScanLeavesNothingBehind)
+{
+    // A slow scanner, so that the scan is still running when the client goes.
+    ScopedEnv slow("ZENTARY_SCANNER", "emulator:mbps=2");
+    int threadsBefore = test::threadCount();
+    for (bool unload : {false, true}) {
+        SCOPED_TRACE(unload ? "unload" : "close");
+        auto source = openAs(kGeneric.manufacturer, kGeneric.product);
+        ASSERT_TRUE(source);
+        ASSERT_EQ(test::enable(*source, false), TWRC_SUCCESS);
+        std::this_thread::sleep_for(500ms);
+        EXPECT_EQ(rawFiles(), 1);
+        if (unload)
+            source->closeOnDestroy = false;
+        else
+            EXPECT_EQ(source->close(), TWRC_SUCCESS);
+        source.reset();
+        EXPECT_EQ(rawFiles(), 0);
+    }
+    EXPECT_EQ(test::threadCount(), threadsBefore);
+}
+
+}  // namespace
+}  // namespace zentary
