@@ -115,9 +115,9 @@ bool Capabilities::setModel(const std::string& model, const std::filesystem::pat
         if (error) *error = path.string() + ": cannot be read";
         return false;
     }
-    auto model_ = loadCapabilityModel(xml, path.string(), error);
-    if (!model_) return false;
-    mCapabilities = std::make_unique<CapabilityMap>(std::move(model_->records));
+    auto loaded = loadCapabilityModel(xml, path.string(), error);
+    if (!loaded) return false;
+    mCapabilities = std::make_unique<CapabilityMap>(std::move(loaded->records));
     return true;
 }
 

@@ -10,10 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <limits>
 #include <memory>
-#include <set>
 
 #include "capabilities/CapabilityRecord.h"
 #include "capabilities/ContainerCodec.h"

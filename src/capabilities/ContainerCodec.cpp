@@ -283,8 +283,8 @@ std::optional<CapabilityValue> ClientContainer::oneValue(TW_UINT16 itemType, boo
     constexpr std::size_t at = offsetof(TW_ONEVALUE, Item);
     // The Item field is 32 bits whatever the type; a shorter item sits at
     // its start, so only the bytes the type needs have to be there.
-    std::size_t needed = readirisFix32 && itemType == TWTY_FIX32 ? 4 : itemSize(itemType);
-    if (itemType == TWTY_BOOL) needed = 1;
+    // (A boolean is its low byte, read as any other client's TW_BOOL is.)
+    std::size_t needed = itemType == TWTY_BOOL ? 1 : itemSize(itemType);
     if (!readable(at, needed)) {
         setCode(conditionCode, TWCC_BADVALUE);
         return std::nullopt;

@@ -22,7 +22,8 @@ struct Handle {
     explicit Handle(std::vector<std::uint8_t> bytes)
     {
         h = Manager::allocate(bytes.empty() ? 1 : bytes.size());
-        if (!bytes.empty()) std::memcpy(h, bytes.data(), bytes.size());
+        if (!bytes.empty()) std::memcpy(Manager::lock(h), bytes.data(), bytes.size());
+        Manager::unlock(h);
     }
     Handle(Handle&& o) noexcept : h(std::exchange(o.h, nullptr)) {}
     ~Handle() { Manager::free(h); }
