@@ -1,0 +1,193 @@
+// The DAT_CAPABILITY messages on the shipped definition file: what a client
+// receives, byte by byte, and what it may set.
+#include <gtest/gtest.h>
+
+#include "CapabilityTestSupport.h"
+
+namespace zentary::test {
+namespace {
+
+using namespace twain;
+using C = Capabilities;
+
+TEST(TwainMessages, EveryMessageAnswersWithItsContainerAndCode)
+{
+    auto store = realStore();
+    ASSERT_TRUE(store);
+    struct Row {
+        const char* what;
+        TW_UINT16 cap;
+        Message message;
+        TW_UINT16 rc, cc, conType;
+        std::size_t size;  // handle bytes, 0 when none
+    };
+    const Row rows[] = {
+        {"enumeration get", ICAP_PIXELTYPE, &C::getTwain, 0, 0, TWON_ENUMERATION, 15 + 2 * 2},
+        {"enumeration current", ICAP_PIXELTYPE, &C::getCurrentTwain, 0, 0, TWON_ONEVALUE, 6},
+        {"enumeration default", ICAP_PIXELTYPE, &C::getDefaultTwain, 0, 0, TWON_ONEVALUE, 6},
+        {"enumeration reset", ICAP_PIXELTYPE, &C::resetTwain, 0, 0, TWON_ONEVALUE, 6},
+        {"fix32 enumeration get", ICAP_XRESOLUTION, &C::getTwain, 0, 0, TWON_ENUMERATION, 15 + 4 * 4},
+        {"one-value get", ICAP_PHYSICALWIDTH, &C::getTwain, 0, 0, TWON_ONEVALUE, 6},
+        {"get-only set", ICAP_PHYSICALWIDTH, &C::setTwain, 1, TWCC_BADVALUE, 0, 0},  // null container first
+        {"get-only reset", ICAP_PHYSICALWIDTH, &C::resetTwain, 1, TWCC_CAPBADOPERATION, 0, 0},
+        {"array get", CAP_SUPPORTEDCAPS, &C::getTwain, 0, 0, TWON_ARRAY, 7 + 19 * 2},
+        {"array default", CAP_SUPPORTEDCAPS, &C::getDefaultTwain, 0, 0, TWON_ARRAY, 7 + 19 * 2},
+        {"array reset", CAP_SUPPORTEDCAPS, &C::resetTwain, 1, TWCC_CAPBADOPERATION, 0, 0},
+        {"query", CAP_SUPPORTEDCAPS, &C::querySupportTwain, 0, 0, TWON_ONEVALUE, 6},
+        {"unknown get", 0x9999, &C::getTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
+        {"unknown current", 0x9999, &C::getCurrentTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
+        {"unknown default", 0x9999, &C::getDefaultTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
+        {"unknown reset", 0x9999, &C::resetTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
+        {"unknown query", 0x9999, &C::querySupportTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
+        {"unknown set, null container", 0x9999, &C::setTwain, 1, TWCC_BADVALUE, 0, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        auto r = send(*store, row.message, row.cap);
+        EXPECT_EQ(r.rc, row.rc);
+        EXPECT_EQ(r.cc, row.cc);
+        if (row.rc == TWRC_SUCCESS) {
+            EXPECT_EQ(r.conType, row.conType);
+        }
+        EXPECT_EQ(r.bytes.size(), row.size);
+    }
+}
+
+TEST(TwainMessages, ContainersCarryTheValuesInTheLinuxLayout)
+{
+    auto store = realStore();
+    ASSERT_TRUE(store);
+    // Enumeration: ItemType, NumItems, CurrentIndex, DefaultIndex, then items at 14.
+    auto pixel = send(*store, &C::getTwain, ICAP_PIXELTYPE);
+    EXPECT_EQ(pixel.u16(0), TWTY_UINT16);
+    EXPECT_EQ(pixel.u32(2), 2u);
+    EXPECT_EQ(pixel.u32(6), 1u);
+    EXPECT_EQ(pixel.u32(10), 1u);
+    EXPECT_EQ(pixel.u16(14), TWPT_GRAY);
+    EXPECT_EQ(pixel.u16(16), TWPT_RGB);
+    // A signed one-value is widened with its sign: -1 fills all of Item.
+    auto count = send(*store, &C::getCurrentTwain, CAP_XFERCOUNT);
+    EXPECT_EQ(count.u16(0), TWTY_INT16);
+    EXPECT_EQ(count.u32(2), 0xFFFFFFFFu);
+    // TW_FIX32 one-value: Whole then Frac inside Item. 8.5 inches.
+    auto width = send(*store, &C::getCurrentTwain, ICAP_PHYSICALWIDTH);
+    EXPECT_EQ(width.u16(0), TWTY_FIX32);
+    EXPECT_EQ(width.u32(2), fix(8, 32768));
+    // Query: TWTY_INT16 bitmap.
+    auto query = send(*store, &C::querySupportTwain, ICAP_XRESOLUTION);
+    EXPECT_EQ(query.u16(0), TWTY_INT16);
+    EXPECT_EQ(query.u32(2), 31u);
+    EXPECT_EQ(send(*store, &C::querySupportTwain, CAP_SUPPORTEDCAPS).u32(2), 13u);
+    // Array: CAP_SUPPORTEDCAPS starts with itself and names each capability once.
+    auto caps = send(*store, &C::getTwain, CAP_SUPPORTEDCAPS);
+    ASSERT_EQ(caps.u32(2), 19u);
+    EXPECT_EQ(caps.u16(6), CAP_SUPPORTEDCAPS);
+    std::set<TW_UINT16> seen;
+    for (std::uint32_t i = 1; i < 19; ++i) seen.insert(caps.u16(6 + 2 * i));
+    EXPECT_EQ(seen.size(), 18u);
+    EXPECT_FALSE(seen.count(CAP_SUPPORTEDCAPS));
+}
+
+TEST(TwainMessages, SetChecksTheClientsContainerBeforeItsValue)
+{
+    // A handle we did not allocate has no known size; a fixed header is read,
+    // a list is not walked beyond kMaxUnsizedItems.
+    std::uint8_t foreign[14] = {};
+    auto hugeEnumeration = enumeration(TWTY_UINT16, {}, 0);
+    std::memcpy(foreign, hugeEnumeration.data(), 14);
+    const std::uint32_t tooMany = containers::kMaxUnsizedItems + 1;
+    std::memcpy(foreign + 2, &tooMany, 4);
+
+    struct Row {
+        const char* what;
+        TW_UINT16 cap, conType;
+        std::vector<std::uint8_t> bytes;
+        TW_UINT16 cc;
+    } rows[] = {
+        {"valid one-value", ICAP_PIXELTYPE, TWON_ONEVALUE, oneValue(TWTY_UINT16, TWPT_GRAY), 0},
+        {"other item type, valid number", ICAP_PIXELTYPE, TWON_ONEVALUE, oneValue(TWTY_INT32, TWPT_GRAY), TWCC_BADVALUE},
+        {"value not offered", ICAP_PIXELTYPE, TWON_ONEVALUE, oneValue(TWTY_UINT16, 3), TWCC_BADVALUE},
+        {"range", ICAP_PIXELTYPE, TWON_RANGE, oneValue(TWTY_UINT16, 1), TWCC_BUMMER},
+        {"array for an enumeration", ICAP_PIXELTYPE, TWON_ARRAY, array(TWTY_UINT16, {1}), TWCC_BADVALUE},
+        {"one-value for an array", CAP_SUPPORTEDCAPS, TWON_ONEVALUE, oneValue(TWTY_UINT16, 1), TWCC_CAPBADOPERATION},
+        {"current index past the list", ICAP_PIXELTYPE, TWON_ENUMERATION, enumeration(TWTY_UINT16, {1, 2}, 2), TWCC_BUMMER},
+        {"default index is ignored", ICAP_PIXELTYPE, TWON_ENUMERATION, enumeration(TWTY_UINT16, {1, 2}, 0, 9), 0},
+        {"truncated header", ICAP_PIXELTYPE, TWON_ONEVALUE, {4, 0, 1}, TWCC_BADVALUE},
+        {"no room for the item type", ICAP_PIXELTYPE, TWON_ONEVALUE, {4}, TWCC_BADVALUE},
+        {"NumItems beyond the handle", ICAP_PIXELTYPE, TWON_ENUMERATION,
+         [] {
+             auto b = enumeration(TWTY_UINT16, {1, 2}, 0);
+             b[2] = 200;
+             return b;
+         }(),
+         TWCC_BADVALUE},
+        {"empty enumeration", ICAP_PIXELTYPE, TWON_ENUMERATION, enumeration(TWTY_UINT16, {}, 0), TWCC_BUMMER},
+        {"boolean one-value reads its low byte", CAP_INDICATORS, TWON_ONEVALUE, oneValue(TWTY_BOOL, 0x0100), 0},
+    };
+    for (auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        auto store = realStore();
+        auto r = set(*store, row.cap, row.conType, row.bytes);
+        EXPECT_EQ(r.rc, row.cc ? TWRC_FAILURE : TWRC_SUCCESS);
+        EXPECT_EQ(r.cc, row.cc);
+    }
+    auto store = realStore();
+    EXPECT_EQ(store->currentValue(CAP_INDICATORS), CapabilityValue(1));
+    EXPECT_EQ(set(*store, CAP_INDICATORS, TWON_ONEVALUE, oneValue(TWTY_BOOL, 0x0100)).rc, TWRC_SUCCESS);
+    EXPECT_EQ(store->currentValue(CAP_INDICATORS), CapabilityValue(0));
+    TW_CAPABILITY unsized{ICAP_PIXELTYPE, TWON_ENUMERATION, foreign};
+    TW_UINT16 cc = 0;
+    EXPECT_EQ(store->setTwain(&unsized, &cc), TWRC_FAILURE);
+    EXPECT_EQ(cc, TWCC_BADVALUE);
+}
+
+TEST(TwainMessages, ResolutionSetsTheSquarePixelAndReadirisSendsSixteenDotSixteen)
+{
+    struct Row {
+        bool readiris;
+        std::uint32_t item;
+        TW_UINT16 cc;
+        std::int16_t resolution;
+    } rows[] = {
+        {false, fix(600), 0, 600},
+        {true, 600u << 16, 0, 600},
+        // The same bytes mean (0, 600) to the Readiris reading: no such resolution.
+        {true, fix(600), TWCC_BADVALUE, 300},
+        {false, fix(600, 1), TWCC_BADVALUE, 300},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.item);
+        auto store = realStore(row.readiris);
+        EXPECT_EQ(set(*store, ICAP_XRESOLUTION, TWON_ONEVALUE, oneValue(TWTY_FIX32, row.item)).cc, row.cc);
+        EXPECT_EQ(store->currentValue(ICAP_XRESOLUTION), CapabilityValue::fix32(row.resolution, 0));
+        EXPECT_EQ(store->currentValue(ICAP_YRESOLUTION), CapabilityValue::fix32(row.resolution, 0));
+        // Containers we build never use the Readiris layout.
+        EXPECT_EQ(send(*store, &C::getCurrentTwain, ICAP_YRESOLUTION).u32(2), fix(row.resolution));
+    }
+    auto store = realStore();
+    // Y alone may only follow X.
+    EXPECT_EQ(set(*store, ICAP_YRESOLUTION, TWON_ONEVALUE, oneValue(TWTY_FIX32, fix(600))).cc, TWCC_CAPSEQERROR);
+    EXPECT_EQ(set(*store, ICAP_YRESOLUTION, TWON_ENUMERATION, enumeration(TWTY_FIX32, {fix(600)}, 0)).cc,
+              TWCC_BADVALUE);
+    EXPECT_EQ(store->setCurrentValue(ICAP_PIXELTYPE, TWPT_GRAY), TWCC_SUCCESS);
+    EXPECT_EQ(store->currentValue(ICAP_BITDEPTH), CapabilityValue(8));
+    EXPECT_EQ(set(*store, ICAP_BITDEPTH, TWON_ONEVALUE, oneValue(TWTY_UINT16, 24)).cc, TWCC_CAPSEQERROR);
+    auto reset = send(*store, &C::resetTwain, ICAP_PIXELTYPE);
+    EXPECT_EQ(reset.u32(2), TWPT_RGB);
+    EXPECT_EQ(store->currentValue(ICAP_BITDEPTH), CapabilityValue(24));
+}
+
+TEST(TwainMessages, ValueInterfaceRefusesWhatNoContainerCouldCarry)
+{
+    auto store = realStore();
+    EXPECT_EQ(store->setCurrentValue(0x9999, 1), TWCC_BUMMER);
+    EXPECT_EQ(store->setCurrentValue(ICAP_XRESOLUTION, 600), TWCC_BADVALUE);
+    EXPECT_EQ(store->setCurrentValue(ICAP_PIXELTYPE, CapabilityValue::fix32(1, 0)), TWCC_BADVALUE);
+    EXPECT_EQ(store->setCurrentValue(ICAP_IMAGEFILEFORMAT, TWFF_JFIF), TWCC_SUCCESS);
+    EXPECT_EQ(store->defaultValue(ICAP_IMAGEFILEFORMAT), CapabilityValue(TWFF_TIFF));
+    EXPECT_FALSE(store->currentValue(0x9999));
+    EXPECT_EQ(store->currentValue(ICAP_PHYSICALHEIGHT), CapabilityValue::fix32(11, 45875));
+}
+
+}  // namespace
+}  // namespace zentary::test
