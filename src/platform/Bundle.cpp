@@ -24,6 +24,7 @@ std::optional<std::filesystem::path> ownBundleDirectory()
     std::error_code ec;
     auto absolute = std::filesystem::absolute(object, ec);
     if (ec) return std::nullopt;
+    absolute = absolute.lexically_normal();
     return absolute.parent_path() / (absolute.stem().string() + ".bundle");
 }
 
