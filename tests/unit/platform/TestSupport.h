@@ -1,5 +1,4 @@
-// Temporary directories, environment overrides and file helpers for the
-// platform tests.
+// Temporary directories, environment overrides and file helpers for the platform tests.
 #pragma once
 
 #include <cstdlib>
@@ -26,34 +25,21 @@ public:
         std::filesystem::permissions(mPath, std::filesystem::perms::owner_all, ec);
         std::filesystem::remove_all(mPath, ec);
     }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     const std::filesystem::path& path() const { return mPath; }
 
 private:
     std::filesystem::path mPath;
 };
 
-// Sets (or with nullopt unsets) one environment variable for a scope.
+// Sets (or, with nullopt, unsets) an environment variable for a scope.
 class ScopedEnv {
 public:
-    ScopedEnv(const char* name, std::optional<std::string> value) : mName(name)
+    ScopedEnv(const char* name, const std::optional<std::string>& value) : mName(name)
     {
         if (const char* old = std::getenv(name)) mOld = old;
-        if (value)
-            ::setenv(name, value->c_str(), 1);
-        else
-            ::unsetenv(name);
+        value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
     }
-    ~ScopedEnv()
-    {
-        if (mOld)
-            ::setenv(mName.c_str(), mOld->c_str(), 1);
-        else
-            ::unsetenv(mName.c_str());
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
+    ~ScopedEnv() { mOld ? ::setenv(mName.c_str(), mOld->c_str(), 1) : ::unsetenv(mName.c_str()); }
 
 private:
     std::string mName;
@@ -63,15 +49,13 @@ private:
 inline void writeFile(const std::filesystem::path& path, const std::string& bytes)
 {
     std::filesystem::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 inline std::string readFile(const std::filesystem::path& path)
 {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream buffer;
-    buffer << in.rdbuf();
+    buffer << std::ifstream(path, std::ios::binary).rdbuf();
     return buffer.str();
 }
 
