@@ -1,0 +1,136 @@
+#include <climits>
+#include <unistd.h>
+
+#include "platform/Bundle.h"
+#include "platform/StringsTable.h"
+#include "TestSupport.h"
+
+namespace zentary {
+namespace {
+
+using test::ScopedEnv;
+using test::TempDir;
+using test::writeFile;
+using Table = std::map<std::string, std::string>;
+
+const std::string kIdentifier = "com.tarvell.zentaryQ305.scands";
+
+std::string infoPlist(const std::string& identifier)
+{
+    return test::xmlPlist("<dict><key>CFBundleIdentifier</key><string>" + identifier +
+                          "</string><key>CFBundleVersion</key><string>45</string>"
+                          "<key>Number</key><integer>3</integer></dict>");
+}
+
+TEST(Bundle, FoundThroughEnvironmentOnlyWithItsIdentifier)
+{
+    struct Case {
+        std::optional<std::string> info;  // Info.plist contents; nothing: no file
+        bool found;
+    };
+    const Case cases[] = {
+        {infoPlist(kIdentifier), true},
+        {infoPlist("com.example.other"), false},
+        {infoPlist(kIdentifier + ".extra"), false},
+        {std::nullopt, false},
+        {test::xmlPlist("<array><string>x</string></array>"), false},
+        {"<?xml version=\"1.0\"?><plist><dict><key>", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.info.value_or("(no file)"));
+        TempDir dir;
+        if (c.info) writeFile(dir.path() / "Info.plist", *c.info);
+        ScopedEnv env("ZENTARY_BUNDLE", dir.path().string());
+        auto bundle = Bundle::withIdentifier(kIdentifier);
+        ASSERT_EQ(bundle.has_value(), c.found);
+        if (!bundle) continue;
+        EXPECT_EQ(bundle->path(), dir.path());
+        EXPECT_EQ(bundle->resourcePath("Settings/A.plist"), dir.path() / "Resources/Settings/A.plist");
+        EXPECT_EQ(bundle->infoString("CFBundleVersion"), "45");
+        EXPECT_EQ(bundle->infoString("Number"), std::nullopt);  // not a string
+    }
+}
+
+// Without ZENTARY_BUNDLE the bundle is "<object>.bundle" beside the object
+// that holds the code; here that object is the test executable.
+TEST(Bundle, FoundBesideTheObjectThatHoldsTheCode)
+{
+    char exe[PATH_MAX] = {};
+    ssize_t length = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
+    ASSERT_GT(length, 0);
+    std::filesystem::path self(exe);
+    auto dir = self.parent_path() / (self.stem().string() + ".bundle");
+    writeFile(dir / "Info.plist", infoPlist(kIdentifier));
+    ScopedEnv env("ZENTARY_BUNDLE", std::nullopt);
+    auto bundle = Bundle::withIdentifier(kIdentifier);
+    std::filesystem::remove_all(dir);
+    ASSERT_TRUE(bundle);
+    EXPECT_EQ(bundle->path(), dir);
+}
+
+TEST(StringsTable, Parses)
+{
+    const std::pair<std::string, std::optional<Table>> cases[] = {
+        {"", Table{}},
+        {"/* c */ \"a\" = \"b\"; // line\n\"c\"=\"d\";", Table{{"a", "b"}, {"c", "d"}}},
+        {R"("k" = "q\"b\\s\nt\tx\'";)", Table{{"k", "q\"b\\s\nt\tx'"}}},
+        {R"("e" = "\U00e9\UD83D\UDE00";)", Table{{"e", "\xC3\xA9\xF0\x9F\x98\x80"}}},
+        {"\"Ok\"; key_1 = value.2;", Table{{"Ok", "Ok"}, {"key_1", "value.2"}}},
+        {"\"a\"=\"1\";\"a\"=\"2\";", Table{{"a", "2"}}},
+        {"\xEF\xBB\xBF\"a\"=\"b\";", Table{{"a", "b"}}},
+        {std::string("\xFF\xFE\"\0a\0\"\0=\0\"\0\xE9\0\"\0;\0", 18), Table{{"a", "\xC3\xA9"}}},
+        {std::string("\xFE\xFF\0\"\0a\0\"\0=\0\"\xD8\x3D\xDE\x00\0\"\0;", 20), Table{{"a", "\xF0\x9F\x98\x80"}}},
+        {"\"a\" = \"b\"", std::nullopt},
+        {"\"a\" = \"b;", std::nullopt},
+        {"\"a\" = \"b\"; /* x", std::nullopt},
+        {R"("a" = "\UD83D";)", std::nullopt},
+        {R"("a" = "\U12";)", std::nullopt},
+        {R"("a" = "\U0000";)", std::nullopt},
+        {"\"a\" = \"\xC0\xAF\";", std::nullopt},
+        {std::string("\xFF\xFE\"\0a", 5), std::nullopt},
+        {std::string(kMaxStringsTableSize + 1, ' '), std::nullopt},
+    };
+    for (const auto& [bytes, expected] : cases) {
+        SCOPED_TRACE(bytes.substr(0, 40));
+        EXPECT_EQ(parseStringsTable(bytes), expected);
+    }
+}
+
+TEST(Bundle, LocalizedStringFollowsLanguageThenEnglishThenKey)
+{
+    TempDir dir;
+    writeFile(dir.path() / "Info.plist", infoPlist(kIdentifier));
+    writeFile(dir.path() / "Resources/en.lproj/Localizable.strings", "\"Ok\" = \"OK\"; \"Only\" = \"english\";");
+    writeFile(dir.path() / "Resources/de.lproj/Localizable.strings", "\"Ok\" = \"Gut\";");
+    writeFile(dir.path() / "Resources/fr.lproj/Localizable.strings", "\"Ok\" = \"Bien\"");  // malformed
+    writeFile(dir.path() / "Resources/de.lproj/Other.strings", "\"Ok\" = \"Anders\";");
+    auto bundle = Bundle::atPath(dir.path());
+    ASSERT_TRUE(bundle);
+
+    struct Case {
+        std::optional<std::string> lcAll, lcMessages, lang;
+        std::string key, table, expected;
+    };
+    const std::nullopt_t none = std::nullopt;
+    const Case cases[] = {
+        {none, none, "de_DE.UTF-8", "Ok", "Localizable", "Gut"},
+        {none, none, "de_DE.UTF-8", "Only", "Localizable", "english"},
+        {none, none, "de_DE.UTF-8", "Nowhere", "Localizable", "Nowhere"},
+        {none, none, "de", "Ok", "Other", "Anders"},
+        {none, none, "it_IT", "Ok", "Localizable", "OK"},
+        {none, none, "fr_FR", "Ok", "Localizable", "OK"},
+        {none, none, "C", "Ok", "Localizable", "OK"},
+        {"de_AT", none, "fr_FR", "Ok", "Localizable", "Gut"},
+        {"", "de_CH.UTF-8", "fr_FR", "Ok", "Localizable", "Gut"},
+        {none, none, "../de", "Ok", "Localizable", "OK"},
+        {none, none, "de", "Ok", "../de.lproj/Other", "Ok"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.lang.value_or("-") + " " + c.key + " " + c.table);
+        ScopedEnv all("LC_ALL", c.lcAll), messages("LC_MESSAGES", c.lcMessages), lang("LANG", c.lang);
+        EXPECT_EQ(bundle->localizedString(c.key, c.table), c.expected);
+    }
+}
+
+}  // namespace
+}  // namespace zentary

@@ -1,0 +1,83 @@
+#include <array>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "platform/Files.h"
+#include "TestSupport.h"
+
+namespace zentary {
+namespace {
+
+using test::ScopedEnv;
+using test::TempDir;
+
+TEST(Files, TemporaryDirectoryFromTmpdir)
+{
+    TempDir dir;
+    test::writeFile(dir.path() / "plain", "x");
+    const std::pair<std::optional<std::string>, std::filesystem::path> cases[] = {
+        {dir.path().string(), dir.path()},  {(dir.path() / "missing").string(), "/tmp"},
+        {(dir.path() / "plain").string(), "/tmp"}, {"", "/tmp"}, {std::nullopt, "/tmp"},
+    };
+    for (const auto& [tmpdir, expected] : cases) {
+        ScopedEnv env("TMPDIR", tmpdir);
+        EXPECT_EQ(files::temporaryDirectory(), expected) << tmpdir.value_or("(unset)");
+    }
+}
+
+TEST(Files, FreeSpaceCanBeFaked)
+{
+    ScopedEnv unset("ZENTARY_FAKE_FREE_SPACE", std::nullopt);
+    auto real = files::freeSpace("/");
+    ASSERT_TRUE(real);
+    EXPECT_EQ(files::freeSpace("/no/such/directory"), std::nullopt);
+    files::setFakeFreeSpace(1234);
+    {
+        ScopedEnv env("ZENTARY_FAKE_FREE_SPACE", "99");
+        EXPECT_EQ(files::freeSpace("/"), 1234u);  // the seam wins over the environment
+    }
+    files::setFakeFreeSpace(std::nullopt);
+    ScopedEnv env("ZENTARY_FAKE_FREE_SPACE", "5000");
+    EXPECT_EQ(files::freeSpace("/"), 5000u);
+    ::setenv("ZENTARY_FAKE_FREE_SPACE", "12abc", 1);  // malformed: the real answer
+    EXPECT_NE(files::freeSpace("/"), 12u);
+}
+
+TEST(Files, SystemVersionFromRelease)
+{
+    const std::pair<const char*, std::array<int, 3>> cases[] = {
+        {"6.1.0-18-amd64", {6, 1, 0}}, {"5.15.133.1-microsoft-standard-WSL2", {5, 15, 133}},
+        {"6.9-rc3", {6, 9, 0}},       {"4.19.", {4, 19, 0}}, {"garbage", {0, 0, 0}}, {"", {0, 0, 0}},
+    };
+    for (const auto& [release, expected] : cases) {
+        auto v = files::parseSystemVersion(release);
+        EXPECT_EQ((std::array<int, 3>{v.major, v.minor, v.patch}), expected) << release;
+    }
+    EXPECT_GE(files::systemVersion().major, 3);
+}
+
+TEST(Files, CreateExclusiveMakesOnlyNewPrivateFiles)
+{
+    TempDir dir;
+    auto path = dir.path() / "scan.raw";
+    int number;
+    {
+        auto fd = files::createExclusive(path);
+        ASSERT_TRUE(fd);
+        number = fd.get();
+        struct stat info {};
+        ASSERT_EQ(::fstat(fd.get(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, 0600u);
+        EXPECT_NE(::fcntl(fd.get(), F_GETFD) & FD_CLOEXEC, 0);
+        EXPECT_FALSE(files::createExclusive(path));  // exists
+        files::UniqueFd moved(std::move(fd));
+        EXPECT_EQ(moved.get(), number);
+    }
+    EXPECT_EQ(::fcntl(number, F_GETFD), -1);  // closed once, by its last owner
+    std::filesystem::create_symlink(dir.path() / "target", dir.path() / "link");
+    EXPECT_FALSE(files::createExclusive(dir.path() / "link"));
+    EXPECT_FALSE(std::filesystem::exists(dir.path() / "target"));
+}
+
+}  // namespace
+}  // namespace zentary

@@ -1,0 +1,119 @@
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/Alerts.h"
+#include "platform/UiLog.h"
+#include "TestSupport.h"
+
+namespace zentary {
+namespace {
+
+using test::ScopedEnv;
+using test::TempDir;
+
+std::vector<std::string> logLines(const std::filesystem::path& path)
+{
+    std::vector<std::string> out;
+    std::istringstream in(test::readFile(path));
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+TEST(UiLog, EscapesStrings)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        {"say \"hi\" C:\\", R"("say \"hi\" C:\\")"},
+        {"a\nb\tc\r", R"("a\u000ab\u0009c\u000d")"},
+        {std::string("\0\x1f\x7f", 3), R"("\u0000\u001f\u007f")"},
+        {"\xC3\xA9\xE2\x80\xA8\xF0\x9F\x98\x80", "\"\xC3\xA9\xE2\x80\xA8\xF0\x9F\x98\x80\""},
+        {"bad\xFF", R"("bad\ufffd")"},
+        {"cut\xE2\x80", R"("cut\ufffd\ufffd")"},
+        {"\xED\xA0\x80", R"("\ufffd\ufffd\ufffd")"},  // a surrogate is not UTF-8
+    };
+    for (const auto& [text, json] : cases) EXPECT_EQ(jsonQuoted(text), json);
+    EXPECT_EQ(JsonObject()
+                  .add("event", "dialog")
+                  .add("big", std::int64_t(-1) << 40)
+                  .add("shown", true)
+                  .add("list", std::vector<std::string>{"a\"", "b"})
+                  .add("none", std::vector<std::string>{})
+                  .str(),
+              R"({"event":"dialog","big":-1099511627776,"shown":true,"list":["a\"","b"],"none":[]})");
+}
+
+TEST(UiLog, OneWholeLinePerEventFromConcurrentWriters)
+{
+    TempDir dir;
+    auto log = dir.path() / "ui.log";
+    {
+        ScopedEnv unset("ZENTARY_UI_LOG", std::nullopt);
+        uilog::write(JsonObject().add("event", "lost"));
+    }
+    ScopedEnv env("ZENTARY_UI_LOG", log.string());
+    // Long lines, so that a line split over several writes would show up as
+    // interleaving.
+    auto event = [](int t) { return JsonObject().add("thread", t).add("text", std::string(5000, char('a' + t))); };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; ++i) uilog::write(event(t));
+        });
+    for (auto& thread : threads) thread.join();
+    std::set<std::string> expected;
+    for (int t = 0; t < 4; ++t) expected.insert(event(t).str());
+    auto lines = logLines(log);
+    ASSERT_EQ(lines.size(), 800u);
+    for (const auto& line : lines) ASSERT_TRUE(expected.count(line)) << line.substr(0, 80);
+}
+
+struct FixedPresenter : AlertPresenter {
+    explicit FixedPresenter(int answer) : mAnswer(answer) {}
+    int present(const AlertRequest&) override
+    {
+        ++calls;
+        if (mAnswer < 0) throw std::runtime_error("no display");
+        return mAnswer;
+    }
+    int mAnswer, calls = 0;
+};
+
+TEST(Alerts, AnswersAndLogsEveryAlert)
+{
+    TempDir dir;
+    ScopedEnv env("ZENTARY_UI_LOG", (dir.path() / "ui.log").string());
+    const AlertRequest three{5, "Changes?", "", {"Apply", "Cancel", "Discard"}, false};
+    const AlertRequest one{8, "Could not acquire the scanned image", "Please scan again at a lower resolution.",
+                           {"Ok"}, true};
+    const AlertRequest none{1, "No buttons", "", {}, false};
+    struct Case {
+        std::shared_ptr<FixedPresenter> presenter;  // null: the headless one
+        const AlertRequest& request;
+        int answer, calls;
+    };
+    const Case cases[] = {
+        {nullptr, three, 1000, 0},
+        {std::make_shared<FixedPresenter>(1002), three, 1002, 1},
+        {std::make_shared<FixedPresenter>(1001), one, 0, 1},  // beyond its buttons
+        {std::make_shared<FixedPresenter>(-1), one, 0, 1},    // throws
+        {std::make_shared<FixedPresenter>(1000), none, 0, 0},
+        {nullptr, one, 1000, 0},
+    };
+    for (const auto& c : cases) {
+        alerts::setPresenter(c.presenter);
+        EXPECT_EQ(alerts::show(c.request), c.answer) << c.request.row;
+        EXPECT_EQ(c.presenter ? c.presenter->calls : 0, c.calls);
+    }
+    auto lines = logLines(dir.path() / "ui.log");
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_EQ(lines[0], R"({"event":"alert","row":5,"message":"Changes?","informative":"",)"
+                        R"("buttons":["Apply","Cancel","Discard"],"modal":"application","answer":1000})");
+    EXPECT_EQ(lines[5], R"({"event":"alert","row":8,"message":"Could not acquire the scanned image",)"
+                        R"("informative":"Please scan again at a lower resolution.","buttons":["Ok"],)"
+                        R"("modal":"system","answer":1000})");
+    EXPECT_NE(lines[4].find(R"("buttons":[],)"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zentary
