@@ -56,20 +56,21 @@ bool RunLoop::runOne(std::unique_lock<std::mutex>& lock)
         lock.lock();
         return true;
     }
+    // The most overdue timer first, whatever order they were made in.
     auto now = Clock::now();
-    for (auto it = mTimers.begin(); it != mTimers.end(); ++it) {
-        if (it->second.due > now) continue;
-        std::shared_ptr<Task> task = it->second.task;
-        if (it->second.repeat.count() > 0)
-            it->second.due = now + it->second.repeat;
-        else
-            mTimers.erase(it);
-        lock.unlock();
-        (*task)();
-        lock.lock();
-        return true;
-    }
-    return false;
+    auto next = mTimers.end();
+    for (auto it = mTimers.begin(); it != mTimers.end(); ++it)
+        if (it->second.due <= now && (next == mTimers.end() || it->second.due < next->second.due)) next = it;
+    if (next == mTimers.end()) return false;
+    std::shared_ptr<Task> task = next->second.task;
+    if (next->second.repeat.count() > 0)
+        next->second.due = now + next->second.repeat;
+    else
+        mTimers.erase(next);
+    lock.unlock();
+    (*task)();
+    lock.lock();
+    return true;
 }
 
 bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point deadline)

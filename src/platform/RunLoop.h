@@ -145,7 +145,10 @@ auto callOn(RunLoop& target, Fn&& fn) -> std::invoke_result_t<Fn&>
                 return shared->done;
             },
             RunLoop::Clock::time_point::max());
-    } else {
+    }
+    // The caller's loop may have stopped before the answer came: the call
+    // still has to finish before `fn`, which it refers to, goes away.
+    {
         std::unique_lock<std::mutex> lock(shared->mutex);
         shared->cv.wait(lock, [&] { return shared->done; });
     }

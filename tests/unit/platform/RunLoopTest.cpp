@@ -36,9 +36,7 @@ TEST(RunLoop, TimersFireInDueOrderAndCancelledOnesNever)
 
 // Two timers that both became due while the loop was busy must still run in
 // the order of their due times, as a platform run loop does.
-// DISABLED: RunLoop::runOne picks the due timer with the lowest id, not the
-// earliest due time, so this fails (order 50, 0).
-TEST(RunLoop, DISABLED_OverdueTimersRunInDueOrder)
+TEST(RunLoop, OverdueTimersRunInDueOrder)
 {
     RunLoop loop;
     std::vector<int> fired;
@@ -144,11 +142,7 @@ TEST(RunLoop, StoppedLoopRefusesWork)
 
 // A thread waiting in callOn must not return before the call ran, even when
 // its own loop is stopped meanwhile (LoopThread's destructor does that).
-// DISABLED: RunLoop::runUntil returns as soon as its loop is stopped and
-// empty, so callOn returns with the call still pending: a void call reports
-// success without having run, a value call dereferences an empty optional,
-// and the target later runs `fn` through a dangling reference.
-TEST(RunLoop, DISABLED_CallOnWaitsEvenWhenTheCallersLoopStops)
+TEST(RunLoop, CallOnWaitsEvenWhenTheCallersLoopStops)
 {
     LoopThread scan("scan");
     std::promise<void> started, release;
