@@ -38,15 +38,6 @@ void setCode(TW_UINT16* conditionCode, TW_UINT16 code)
     if (conditionCode) *conditionCode = code;
 }
 
-// A capability value as a FIX32, when it is one.
-std::optional<TW_FIX32> asFix32(const std::optional<CapabilityValue>& value)
-{
-    if (!value || value->isNumber() || value->items().size() != 2) return std::nullopt;
-    const auto& items = value->items();
-    if (!items[0].isNumber() || !items[1].isNumber()) return std::nullopt;
-    return TW_FIX32{static_cast<TW_INT16>(items[0].number()), static_cast<TW_UINT16>(items[1].number())};
-}
-
 void logOpenFailure(const std::string& reason)
 {
     uilog::write(JsonObject().add("event", "open-failed").add("reason", reason));
@@ -243,17 +234,11 @@ std::unique_ptr<DataSourceEngine> DataSourceEngine::initWithOrigin(const TW_IDEN
     engine->mFileFormatType = ICAP_IMAGEFILEFORMAT;
     engine->mFileIsSet = false;
 
-    std::optional<TW_FIX32> width = asFix32(caps.currentValue(ICAP_PHYSICALWIDTH));
-    std::optional<TW_FIX32> height = asFix32(caps.currentValue(ICAP_PHYSICALHEIGHT));
-    if (!width || !height) {
+    if (engine->defaultLayout(engine->mImageLayout) != 0) {
         logOpenFailure("ICAP_PHYSICALWIDTH or ICAP_PHYSICALHEIGHT is missing");
         setCode(conditionCode, TWCC_BUMMER);
         return nullptr;
     }
-    engine->mImageLayout.Frame = {{0, 0}, {0, 0}, *width, *height};
-    engine->mImageLayout.DocumentNumber = 1;
-    engine->mImageLayout.PageNumber = 1;
-    engine->mImageLayout.FrameNumber = 1;
 
     engine->mDefaultMinimumMemoryBufferSize = kDefaultMinimumMemoryBufferSize;
     engine->mMinimumMemoryBufferSize = kDefaultMinimumMemoryBufferSize;

@@ -98,6 +98,15 @@ private:
     void deleteImageFile();
     void redisplayDataSourceDialog();
 
+    // Image group.
+    TW_UINT16 imageInfo(TW_UINT16 message, TW_IMAGEINFO* info, TW_UINT16* conditionCode);
+    TW_UINT16 imageLayout(TW_UINT16 message, TW_IMAGELAYOUT* layout, TW_UINT16* conditionCode);
+    TW_UINT16 setImageLayout(const TW_IMAGELAYOUT& layout, TW_UINT16* conditionCode);
+    TW_UINT16 defaultLayout(TW_IMAGELAYOUT& layout);
+    TW_UINT16 nativeTransfer(TW_UINT16 message, TW_HANDLE* picture, TW_UINT16* conditionCode);
+    TW_UINT16 fileTransfer(TW_UINT16 message, TW_UINT16* conditionCode);
+    TW_UINT16 memoryTransfer(TW_UINT16 message, TW_IMAGEMEMXFER* block, TW_UINT16* conditionCode);
+
     // File transfer set-up.
     TW_UINT16 setupFileTransfer(TW_UINT16 type, TW_UINT16 message, TW_MEMREF info, TW_UINT16* conditionCode);
     TW_UINT16 fillTwainFileTransfer(TW_SETUPFILEXFER& out, const TW_SETUPFILEXFER2& file, TW_UINT16 format,
