@@ -31,9 +31,8 @@ int readReply(USBInterface* interface, ScanHeader* reply)
     std::uint32_t count = kScanHeaderSize;
     int result = interface->readSynchronouslyIntoBuffer(bytes, &count, kNoDataTimeOut, kCompletionTimeOut);
     if (result != kUSBNoErr) return ScanLibError::mapUSBInterfaceError(result, kScanLibErrRead);
-    // A short reply is zero-filled rather than half-stale: its signature then
-    // fails the check of whoever looks at it.
-    std::memset(bytes + count, 0, kScanHeaderSize - count);
+    // Half a header is no reply; its fields would be half stale.
+    if (count != kScanHeaderSize) return kScanLibErrRead;
     std::memcpy(reply, bytes, kScanHeaderSize);
     PacketUtils::convertScanHeaderToHost(reply);
     return 0;
