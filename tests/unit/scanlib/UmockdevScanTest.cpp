@@ -2,7 +2,7 @@
 // the scanner model behind an emulated usbfs node: umockdev's testbed gives
 // libusb a sysfs device with the scanner's descriptors, and our ioctl handler
 // answers the usbfs URBs from the model. umockdev works by LD_PRELOAD, so
-// main() re-executes the test under umockdev-wrapper when it is not preloaded.
+// main() re-executes the test with the preload set when it is not.
 #include "ScanlibTestSupport.h"
 
 #include "emulator/ScannerModel.h"
@@ -154,7 +154,7 @@ struct UsbfsScanner {
 TEST(ScanlibUmockdev, LibusbScanMatchesTheChart)
 {
     if (!preloaded())
-        GTEST_SKIP() << "not running under umockdev's preload (umockdev-wrapper unavailable)";
+        GTEST_SKIP() << "libumockdev-preload.so could not be preloaded";
     UMockdevTestbed* testbed = umockdev_testbed_new();
     EmulatorOptions options;
     options.rowsPerPacket = 11;
@@ -210,19 +210,33 @@ TEST(ScanlibUmockdev, LibusbScanMatchesTheChart)
 }  // namespace
 }  // namespace zentary::test
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <dlfcn.h>
+extern "C" void __asan_init() __attribute__((weak));
+extern "C" void __tsan_init() __attribute__((weak));
+#endif
+
 int main(int argc, char** argv)
 {
-    // umockdev must be preloaded before libc resolves open() and ioctl().
-    if (!zentary::test::preloaded() && !::getenv("ZENTARY_UMOCKDEV_TRIED") &&
-        ::access("/usr/bin/umockdev-wrapper", X_OK) == 0) {
+    // umockdev must be preloaded before libc resolves open() and ioctl(); a
+    // sanitizer runtime has to come first in the list.
+    if (!zentary::test::preloaded() && !::getenv("ZENTARY_UMOCKDEV_TRIED")) {
         ::setenv("ZENTARY_UMOCKDEV_TRIED", "1", 1);
+        std::string preload;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        Dl_info info;
+        void* runtime = __asan_init ? reinterpret_cast<void*>(&__asan_init) : reinterpret_cast<void*>(&__tsan_init);
+        if (runtime && ::dladdr(runtime, &info) && info.dli_fname) preload = std::string(info.dli_fname) + ":";
+#endif
+        preload += "libumockdev-preload.so.0";
+        if (const char* old = ::getenv("LD_PRELOAD")) preload += std::string(":") + old;
+        ::setenv("LD_PRELOAD", preload.c_str(), 1);
         char self[4096];
         ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-        self[n > 0 ? n : 0] = 0;
-        std::vector<char*> args{const_cast<char*>("/usr/bin/umockdev-wrapper"), self};
-        for (int i = 1; i < argc; ++i) args.push_back(argv[i]);
-        args.push_back(nullptr);
-        ::execv(args[0], args.data());
+        if (n > 0) {
+            self[n] = 0;
+            ::execv(self, argv);
+        }
     }
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
