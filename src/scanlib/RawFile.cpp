@@ -108,7 +108,8 @@ void RawFileWriter::discard()
 
 bool parseRawFileHeader(const void* bytes, std::size_t size, std::uint64_t fileSize, RawFileInfo* info)
 {
-    if (!bytes || !info || size < sizeof(RawFileHeader)) return false;
+    // A file shorter than a header has none, whatever bytes we were handed.
+    if (!bytes || !info || size < sizeof(RawFileHeader) || fileSize < sizeof(RawFileHeader)) return false;
     RawFileHeader h;
     std::memcpy(&h, bytes, sizeof h);
     if (h.signature != kRawFileSignature) return false;
@@ -119,8 +120,7 @@ bool parseRawFileHeader(const void* bytes, std::size_t size, std::uint64_t fileS
     if (gray && (h.bytesPerPixel != 1 || (h.bitsPerSample != 8 && h.bitsPerSample != 1))) return false;
     if (h.resolution == 0 || h.pixelsPerRow == 0) return false;
     std::uint64_t rowBytes = std::uint64_t(h.bytesPerPixel) * h.pixelsPerRow;
-    std::uint64_t pixelBytes = fileSize >= sizeof h ? fileSize - sizeof h : 0;
-    std::uint64_t present = pixelBytes / rowBytes;
+    std::uint64_t present = (fileSize - sizeof h) / rowBytes;
     info->header = h;
     info->rowBytes = rowBytes;
     info->rowsPresent = present < h.rows ? std::uint32_t(present) : h.rows;
