@@ -22,7 +22,7 @@ enum class EmulatorFault {
     NoImageEnd,     // the job ends without the image-end packet
 };
 
-struct EmulatorFaultSpec {
+struct EmulatorFaultRule {
     EmulatorFault kind;
     std::uint32_t argument;
 };
@@ -32,7 +32,7 @@ struct EmulatorOptions {
     std::uint32_t rowsPerPacket = 0;   // 0: as many as fit in 1 MiB
     std::uint16_t maxPacketSize = 512; // bulk-in, as on a high-speed device
     std::string serialNumber = "ZQ305EMU0001";
-    std::vector<EmulatorFaultSpec> faults;
+    std::vector<EmulatorFaultRule> faults;
 };
 
 // False, with a reason in `error`, for anything not in the documented syntax.

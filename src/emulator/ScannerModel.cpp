@@ -37,19 +37,19 @@ ScannerModel::ScannerModel(EmulatorOptions options) : mOptions(std::move(options
     if (auto* notReady = fault(EmulatorFault::NotReady)) mNotReadyLeft = notReady->argument;
 }
 
-const EmulatorFaultSpec* ScannerModel::fault(EmulatorFault kind) const
+const EmulatorFaultRule* ScannerModel::fault(EmulatorFault kind) const
 {
-    for (const auto& spec : mOptions.faults)
-        if (spec.kind == kind) return &spec;
+    for (const auto& rule : mOptions.faults)
+        if (rule.kind == kind) return &rule;
     return nullptr;
 }
 
 bool ScannerModel::faultHitsPacket(EmulatorFault kind, std::uint32_t firstRow, std::uint32_t count)
 {
-    const auto* spec = fault(kind);
+    const auto* rule = fault(kind);
     auto index = std::size_t(kind);
-    if (!spec || mFaultFired[index]) return false;
-    if (spec->argument < firstRow || spec->argument - firstRow >= count) return false;
+    if (!rule || mFaultFired[index]) return false;
+    if (rule->argument < firstRow || rule->argument - firstRow >= count) return false;
     mFaultFired[index] = true;
     return true;
 }

@@ -60,7 +60,7 @@ private:
     bool nextMessage();
     void buildDataPacket();
     const std::vector<std::uint8_t>& cachedRow(std::uint32_t rowClass);
-    const EmulatorFaultSpec* fault(EmulatorFault kind) const;
+    const EmulatorFaultRule* fault(EmulatorFault kind) const;
     bool faultHitsPacket(EmulatorFault kind, std::uint32_t firstRow, std::uint32_t count);
     void throttle(std::uint32_t bytes);
 
