@@ -1,0 +1,146 @@
+// Shared helpers of the scanner library tests: a scripted device at the
+// transport seam, an engine loop thread, and checking a raw file against the
+// emulator's chart.
+#pragma once
+
+#include "emulator/TestChart.h"
+#include "platform/NotificationCenter.h"
+#include "platform/RunLoop.h"
+#include "scanlib/RawFile.h"
+#include "scanlib/usb/UsbTransport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace zentary::test {
+
+// Plays device messages in order; each message ends a transfer.
+struct ScriptedPipes : UsbPipes {
+    std::deque<std::vector<std::uint8_t>> messages;
+    std::vector<std::vector<std::uint8_t>> written;
+    std::vector<std::uint32_t> readRequests;
+    std::uint16_t inSize = 64;
+
+    int open(std::uint16_t* out, std::uint16_t* in) override
+    {
+        *out = 512;
+        *in = inSize;
+        return kUSBNoErr;
+    }
+    void close() override {}
+    int writePipe(const std::uint8_t* data, std::uint32_t size, std::uint32_t) override
+    {
+        written.emplace_back(data, data + size);
+        return kUSBNoErr;
+    }
+    int readPipe(std::uint8_t* data, std::uint32_t size, std::uint32_t* received, std::uint32_t, std::uint32_t) override
+    {
+        readRequests.push_back(size);
+        *received = 0;
+        if (messages.empty()) return kUSBErrTimeout;
+        auto& front = messages.front();
+        std::uint32_t n = std::min<std::uint32_t>(size, std::uint32_t(front.size()));
+        std::memcpy(data, front.data(), n);
+        front.erase(front.begin(), front.begin() + n);
+        if (front.empty()) messages.pop_front();
+        *received = n;
+        return kUSBNoErr;
+    }
+};
+
+inline std::vector<std::uint8_t> words(std::initializer_list<std::uint32_t> values)
+{
+    std::vector<std::uint8_t> bytes;
+    for (auto v : values) bytes.insert(bytes.end(), {std::uint8_t(v >> 24), std::uint8_t(v >> 16), std::uint8_t(v >> 8), std::uint8_t(v)});
+    return bytes;
+}
+
+// Collects notifications of a private centre, posted on any thread.
+struct NotificationLog {
+    explicit NotificationLog(NotificationCenter& center) : mCenter(center)
+    {
+        for (const char* name : {"ScanCompletedNotification", "ScanAbortedNotification"})
+            mTokens.push_back(center.addObserver(name, [this, name] {
+                std::lock_guard<std::mutex> guard(mMutex);
+                mNames.emplace_back(name);
+                mChanged.notify_all();
+            }));
+    }
+    ~NotificationLog()
+    {
+        for (auto token : mTokens) mCenter.removeObserver(token);
+    }
+    // The first notification, waiting at most `bound`; "" when none came.
+    std::string wait(std::chrono::milliseconds bound = std::chrono::seconds(20))
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mChanged.wait_for(lock, bound, [this] { return !mNames.empty(); });
+        return mNames.empty() ? std::string() : mNames.front();
+    }
+    std::size_t count()
+    {
+        std::lock_guard<std::mutex> guard(mMutex);
+        return mNames.size();
+    }
+    NotificationCenter& mCenter;
+    std::vector<NotificationCenter::Token> mTokens;
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::vector<std::string> mNames;
+};
+
+// A fresh path in the temporary directory that does not exist yet.
+inline std::string tempRawPath(const char* tag)
+{
+    static int serial = 0;
+    std::string dir = ::getenv("TMPDIR") ? ::getenv("TMPDIR") : "/tmp";
+    std::string path = dir + "/zentary-test-" + tag + "-" + std::to_string(::getpid()) + "-" + std::to_string(++serial) + ".raw";
+    ::unlink(path.c_str());
+    return path;
+}
+
+inline bool fileExists(const std::string& path)
+{
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+// Checks a finished raw file pixel by pixel against the chart.
+inline void expectChartScan(const std::string& path, bool color, std::uint32_t dpi, std::uint32_t left,
+                            std::uint32_t top, std::uint32_t width, std::uint32_t rows)
+{
+    RawFileInfo info;
+    ASSERT_TRUE(readRawFileInfo(path, &info));
+    EXPECT_EQ(info.header.colorType, std::uint32_t(color ? 0 : 1));
+    EXPECT_EQ(info.header.resolution, dpi);
+    ASSERT_EQ(info.header.pixelsPerRow, width);
+    ASSERT_EQ(info.header.rows, rows);
+    ASSERT_EQ(info.rowsPresent, rows);
+    std::ifstream in(path, std::ios::binary);
+    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_EQ(bytes.size(), 32 + info.rowBytes * rows);
+    int bad = 0;
+    for (std::uint32_t y = 0; y < rows && bad < 5; ++y)
+        for (std::uint32_t x = 0; x < width && bad < 5; ++x) {
+            auto c = chart::color(chart::chartPosition(left, dpi, x), chart::chartPosition(top, dpi, y));
+            const std::uint8_t* p = bytes.data() + 32 + y * info.rowBytes + x * (color ? 4 : 1);
+            bool ok = color ? (p[1] == c.r && p[2] == c.g && p[3] == c.b) : p[0] == chart::grayOf(c);
+            if (!ok) {
+                ++bad;
+                ADD_FAILURE() << "pixel " << x << "," << y << " differs from the chart";
+            }
+        }
+}
+
+}  // namespace zentary::test
