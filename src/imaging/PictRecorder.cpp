@@ -27,9 +27,25 @@ constexpr std::size_t kBufferBytes = 256 * 1024;
 constexpr std::size_t kMinimumPackedRowBytes = 8;
 constexpr std::size_t kLongCountRowBytes = 250;
 
+// Readers disagree on when a packed row's length takes two bytes: the
+// format's own description says above 250 row bytes, several decoders use
+// 200, and some judge direct records by three bytes per pixel instead of
+// rowBytes. We record so that every rule gives the same answer: 8-bit rows
+// of 201 to 250 bytes are given 252 row bytes, and direct strips avoid the
+// widths where the rules part (see kAmbiguousDirectWidths).
 std::size_t recordedRowBytes(int depth, int width) {
     const auto w = static_cast<std::size_t>(width);
-    return depth == 32 ? 4 * w : (w + 1) & ~std::size_t{1};
+    if (depth == 32) return 4 * w;
+    const std::size_t even = (w + 1) & ~std::size_t{1};
+    return even > 200 && even <= kLongCountRowBytes ? kLongCountRowBytes + 2 : even;
+}
+
+// 4w above 200 while 3w is not: 51 to 66 pixels.
+constexpr int kAmbiguousDirectWidthFirst = 51;
+constexpr int kAmbiguousDirectWidthLast = 66;
+
+bool ambiguousDirectWidth(int width) {
+    return width >= kAmbiguousDirectWidthFirst && width <= kAmbiguousDirectWidthLast;
 }
 
 }  // namespace
@@ -87,9 +103,9 @@ bool PictRecorder::open(const Rect& frame, Fixed hRes, Fixed vRes) {
     return ok;
 }
 
-bool PictRecorder::putRow(const std::uint8_t* data, std::size_t rowBytes) {
-    if (rowBytes < kMinimumPackedRowBytes) return put(data, rowBytes);
-    const std::size_t packed = packBits({data, rowBytes}, mPacked.data());
+bool PictRecorder::putRow(const std::uint8_t* data, std::size_t length, std::size_t rowBytes) {
+    if (rowBytes < kMinimumPackedRowBytes) return put(data, length);
+    const std::size_t packed = packBits({data, length}, mPacked.data());
     const bool counted = rowBytes > kLongCountRowBytes ? put16(static_cast<std::uint16_t>(packed))
                                                        : put(std::array{static_cast<std::uint8_t>(packed)}.data(), 1);
     return counted && put(mPacked.data(), packed);
@@ -129,10 +145,10 @@ bool PictRecorder::copyBits(const OffscreenImage& image, const Rect& area) {
         const std::uint8_t* source = image.row(y) + static_cast<std::size_t>(firstColumn) * (depth / 8);
         if (!direct) {
             std::memcpy(mRow.data(), source, static_cast<std::size_t>(width));
-            mRow[static_cast<std::size_t>(width)] = 0;  // the pad of an odd row
-            ok = putRow(mRow.data(), rowBytes);
+            std::memset(mRow.data() + width, 0, rowBytes - static_cast<std::size_t>(width));
+            ok = putRow(mRow.data(), rowBytes, rowBytes);
         } else if (rowBytes < kMinimumPackedRowBytes) {
-            // One pixel: stored unpacked in its own x R G B form.
+            // One pixel: an unpacked row is the pixel as it is, x R G B.
             std::memcpy(mRow.data(), source, 4);
             mRow[0] = 0;
             ok = put(mRow.data(), 4);
@@ -147,7 +163,7 @@ bool PictRecorder::copyBits(const OffscreenImage& image, const Rect& area) {
                 green[x] = source[4 * x + 2];
                 blue[x] = source[4 * x + 3];
             }
-            ok = putRow(mRow.data(), 3 * static_cast<std::size_t>(width));
+            ok = putRow(mRow.data(), 3 * static_cast<std::size_t>(width), rowBytes);
         }
     }
     // Opcodes start on even offsets.
@@ -157,10 +173,21 @@ bool PictRecorder::copyBits(const OffscreenImage& image, const Rect& area) {
 
 bool PictRecorder::recordImage(const OffscreenImage& image) {
     const Rect& bounds = image.bounds();
+    const bool direct = image.depth() == 32;
     const int stripWidth = maximumStripWidth(image.depth());
     Rect strip = bounds;
     while (strip.left < bounds.right) {
-        strip.right = static_cast<std::int16_t>(std::min<int>(strip.left + stripWidth, bounds.right));
+        const int left = bounds.right - strip.left;
+        int width = std::min(left, stripWidth);
+        if (direct) {
+            // Keep every strip, the last one included, out of the widths
+            // that readers decode differently, and the last one wider than
+            // two pixels when the image is not that narrow itself.
+            if (left > stripWidth && left - stripWidth <= 2) width = left - 3;
+            if (ambiguousDirectWidth(left - width) && left > width) width -= kAmbiguousDirectWidthLast;
+            if (ambiguousDirectWidth(width)) width /= 2;
+        }
+        strip.right = static_cast<std::int16_t>(strip.left + width);
         if (!copyBits(image, strip)) return false;
         strip.left = strip.right;
     }

@@ -54,7 +54,8 @@ private:
     bool put32(std::uint32_t value);
     bool putRect(const Rect& rect);
     bool flush();
-    bool putRow(const std::uint8_t* data, std::size_t rowBytes);
+    // One row of `length` bytes, packed or not as the record's rowBytes says.
+    bool putRow(const std::uint8_t* data, std::size_t length, std::size_t rowBytes);
 
     ByteSink& mSink;
     std::uint64_t mStart = 0;
