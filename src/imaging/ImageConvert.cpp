@@ -1,16 +1,9 @@
 #include "imaging/ImageConvert.h"
 
-#include "imaging/FileIo.h"
 #include "imaging/ImageExport.h"
-#include "imaging/PictRecorder.h"
 #include "imaging/RawFileReader.h"
 
 namespace zentary {
-
-bool exportPict(const OffscreenImage& image, const std::string& path) {
-    OutputFile file(path);
-    return file.valid() && writePictFile(image, file.fd()) && file.commit();
-}
 
 std::unique_ptr<OffscreenImage> ImageConvert::newGWorldFromRawFile(const std::string& path) {
     return zentary::newGWorldFromRawFile(path);

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "imaging/FileIo.h"
+#include "imaging/ImageExport.h"
+
 namespace zentary {
 
 namespace {
@@ -218,6 +221,11 @@ bool recordPicture(const OffscreenImage& image, std::vector<std::uint8_t>& pictu
     PictRecorder recorder(sink);
     return recorder.open(image.bounds(), image.hRes(), image.vRes()) && recorder.recordImage(image) &&
            recorder.close();
+}
+
+bool exportPict(const OffscreenImage& image, const std::string& path) {
+    OutputFile file(path);
+    return file.valid() && writePictFile(image, file.fd()) && file.commit();
 }
 
 }  // namespace zentary

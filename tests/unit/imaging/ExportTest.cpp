@@ -16,21 +16,21 @@
 namespace zentary {
 namespace {
 
-using test::RawSpec;
+using test::RawShape;
 using Bytes = std::vector<std::uint8_t>;
 
 // The expected image as R G B triples (gray repeated), top row first.
-Bytes expectedRgb(const RawSpec& spec) {
+Bytes expectedRgb(const RawShape& shape) {
     Bytes rgb;
-    for (int y = 0; y < spec.height; ++y)
-        for (int x = 0; x < spec.width; ++x)
+    for (int y = 0; y < shape.height; ++y)
+        for (int x = 0; x < shape.width; ++x)
             for (int c = 0; c < 3; ++c)
-                rgb.push_back(test::sample(spec.pattern, x, y, spec.gray ? 0 : c, spec.width, spec.height));
+                rgb.push_back(test::sample(shape.pattern, x, y, shape.gray ? 0 : c, shape.width, shape.height));
     return rgb;
 }
 
-std::unique_ptr<OffscreenImage> imageOf(const test::ScratchDir& dir, const RawSpec& spec) {
-    return newGWorldFromRawFile(test::writeRawFile(dir, spec));
+std::unique_ptr<OffscreenImage> imageOf(const test::ScratchDir& dir, const RawShape& shape) {
+    return newGWorldFromRawFile(test::writeRawFile(dir, shape));
 }
 
 TEST(PackBits, MatchesHandPackedRows) {
@@ -63,20 +63,20 @@ TEST(PackBits, MatchesHandPackedRows) {
     }
 }
 
-const RawSpec kExportImages[] = {RawSpec{5, 3, true, 300}, RawSpec{7, 4, false, 150}, RawSpec{1, 2, false, 72},
-                                 RawSpec{301, 40, true, 600}, RawSpec{260, 33, false, 1200},
+const RawShape kExportImages[] = {RawShape{5, 3, true, 300}, RawShape{7, 4, false, 150}, RawShape{1, 2, false, 72},
+                                 RawShape{301, 40, true, 600}, RawShape{260, 33, false, 1200},
                                  // Widths where PICT readers disagree on the packed row length.
-                                 RawSpec{60, 5, false, 300}, RawSpec{229, 5, true, 300},
+                                 RawShape{60, 5, false, 300}, RawShape{229, 5, true, 300},
                                  // Wider than one picture record may be: recorded in strips.
-                                 RawSpec{4100, 3, false, 300}, RawSpec{4097, 2, false, 300},
-                                 RawSpec{16390, 2, true, 300}};
+                                 RawShape{4100, 3, false, 300}, RawShape{4097, 2, false, 300},
+                                 RawShape{16390, 2, true, 300}};
 
-class Export : public testing::TestWithParam<RawSpec> {};
+class Export : public testing::TestWithParam<RawShape> {};
 
 TEST_P(Export, TiffReadsBackExactly) {
-    const RawSpec spec = GetParam();
+    const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, spec);
+    auto image = imageOf(dir, shape);
     ASSERT_TRUE(image);
     const std::string path = dir.file("out.tif");
     ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypeTIFF));
@@ -94,34 +94,34 @@ TEST_P(Export, TiffReadsBackExactly) {
     TIFFGetField(tiff.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
     TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &xRes);
     TIFFGetField(tiff.get(), TIFFTAG_YRESOLUTION, &yRes);
-    EXPECT_EQ(width, static_cast<std::uint32_t>(spec.width));
-    EXPECT_EQ(height, static_cast<std::uint32_t>(spec.height));
-    EXPECT_EQ(samples, spec.gray ? 1 : 3);
+    EXPECT_EQ(width, static_cast<std::uint32_t>(shape.width));
+    EXPECT_EQ(height, static_cast<std::uint32_t>(shape.height));
+    EXPECT_EQ(samples, shape.gray ? 1 : 3);
     EXPECT_EQ(bits, 8);
-    EXPECT_EQ(photometric, spec.gray ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
+    EXPECT_EQ(photometric, shape.gray ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
     EXPECT_EQ(unit, RESUNIT_INCH);
-    EXPECT_FLOAT_EQ(xRes, static_cast<float>(spec.dpi));
-    EXPECT_FLOAT_EQ(yRes, static_cast<float>(spec.dpi));
+    EXPECT_FLOAT_EQ(xRes, static_cast<float>(shape.dpi));
+    EXPECT_FLOAT_EQ(yRes, static_cast<float>(shape.dpi));
 
-    const Bytes expected = expectedRgb(spec);
+    const Bytes expected = expectedRgb(shape);
     Bytes line(static_cast<std::size_t>(TIFFScanlineSize(tiff.get())));
-    for (int y = 0; y < spec.height; ++y) {
+    for (int y = 0; y < shape.height; ++y) {
         ASSERT_EQ(TIFFReadScanline(tiff.get(), line.data(), static_cast<std::uint32_t>(y)), 1);
-        for (int x = 0; x < spec.width; ++x)
+        for (int x = 0; x < shape.width; ++x)
             for (int c = 0; c < samples; ++c)
-                ASSERT_EQ(line[x * samples + c], expected[(static_cast<std::size_t>(y) * spec.width + x) * 3 + c])
+                ASSERT_EQ(line[x * samples + c], expected[(static_cast<std::size_t>(y) * shape.width + x) * 3 + c])
                     << x << "," << y;
     }
 }
 
 // Peak signal-to-noise ratio of the decoded JPEG against the pattern; it must
 // reach 35 dB at our default quality, and the density must be the scan's.
-class JpegExport : public testing::TestWithParam<RawSpec> {};
+class JpegExport : public testing::TestWithParam<RawShape> {};
 
 TEST_P(JpegExport, DecodesCloseToTheImage) {
-    const RawSpec spec = GetParam();
+    const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, spec);
+    auto image = imageOf(dir, shape);
     ASSERT_TRUE(image);
     const std::string path = dir.file("out.jpg");
     ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypeJPEG));
@@ -136,12 +136,12 @@ TEST_P(JpegExport, DecodesCloseToTheImage) {
     ASSERT_EQ(jpeg_read_header(&info, TRUE), JPEG_HEADER_OK);
     info.out_color_space = JCS_RGB;
     jpeg_start_decompress(&info);
-    EXPECT_EQ(info.output_width, static_cast<unsigned>(spec.width));
-    EXPECT_EQ(info.output_height, static_cast<unsigned>(spec.height));
+    EXPECT_EQ(info.output_width, static_cast<unsigned>(shape.width));
+    EXPECT_EQ(info.output_height, static_cast<unsigned>(shape.height));
     EXPECT_EQ(info.density_unit, 1);
-    EXPECT_EQ(info.X_density, spec.dpi);
-    const Bytes expected = expectedRgb(spec);
-    Bytes line(static_cast<std::size_t>(spec.width) * 3);
+    EXPECT_EQ(info.X_density, shape.dpi);
+    const Bytes expected = expectedRgb(shape);
+    Bytes line(static_cast<std::size_t>(shape.width) * 3);
     double squared = 0;
     while (info.output_scanline < info.output_height) {
         const std::size_t y = info.output_scanline;
@@ -161,9 +161,9 @@ TEST_P(JpegExport, DecodesCloseToTheImage) {
 
 // Photo-like content of a few sizes, odd ones included (partial MCUs).
 INSTANTIATE_TEST_SUITE_P(Images, JpegExport,
-                         testing::Values(RawSpec{301, 120, true, 300, test::Pattern::Smooth},
-                                         RawSpec{260, 133, false, 600, test::Pattern::Smooth},
-                                         RawSpec{1001, 707, false, 150, test::Pattern::Smooth}));
+                         testing::Values(RawShape{301, 120, true, 300, test::Pattern::Smooth},
+                                         RawShape{260, 133, false, 600, test::Pattern::Smooth},
+                                         RawShape{1001, 707, false, 150, test::Pattern::Smooth}));
 
 // Walks a PICT file the way a reader must: every opcode known and word
 // aligned, no record row past the limit, and the bit maps decoded onto a
@@ -200,14 +200,14 @@ struct PictReader {
         ok = ok && p == end;
         return out;
     }
-    Bytes read(const RawSpec& spec, Fixed resolution) {
+    Bytes read(const RawShape& shape, Fixed resolution) {
         u16();
         const Rect frame = rect();
         const bool header = u16() == 0x0011 && u16() == 0x02FF && u16() == 0x0C00 && u16() == 0xFFFE && u16() == 0 &&
                             u32() == std::uint32_t(resolution) && u32() == std::uint32_t(resolution) && rect() == frame &&
                             u32() == 0 && u16() == 0x0001 && u16() == 10 && rect() == frame;
-        if (!header || frame.width() != spec.width || frame.height() != spec.height) return {};
-        Bytes canvas(std::size_t(spec.width) * spec.height * 3, 0);
+        if (!header || frame.width() != shape.width || frame.height() != shape.height) return {};
+        Bytes canvas(std::size_t(shape.width) * shape.height * 3, 0);
         for (unsigned op = u16(); ok && op != 0x00FF; op = u16()) {
             if (op != 0x0098 && op != 0x009A) return {};
             const bool direct = op == 0x009A;
@@ -226,7 +226,7 @@ struct PictReader {
                     for (int c = 0; c < 3; ++c) {
                         const std::size_t at = !direct ? x : rowBytes < 8 ? 4 * x + 1 + c : std::size_t(c) * w + x;
                         ok = ok && at < row.size();
-                        canvas[(std::size_t(y) * spec.width + bounds.left + x) * 3 + c] = ok ? row[at] : 0;
+                        canvas[(std::size_t(y) * shape.width + bounds.left + x) * 3 + c] = ok ? row[at] : 0;
                     }
             }
             if ((p - start) & 1) ++p;
@@ -236,9 +236,9 @@ struct PictReader {
 };
 
 TEST_P(Export, PictWalksAndDecodes) {
-    const RawSpec spec = GetParam();
+    const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, spec);
+    auto image = imageOf(dir, shape);
     ASSERT_TRUE(image);
     const std::string path = dir.file("out.pict");
     ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypePICT));
@@ -246,8 +246,8 @@ TEST_P(Export, PictWalksAndDecodes) {
     const Bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     ASSERT_GT(file.size(), 512u);
     EXPECT_EQ(Bytes(file.begin(), file.begin() + 512), Bytes(512, 0));
-    const Bytes expected = expectedRgb(spec);
-    EXPECT_TRUE(PictReader{file}.read(spec, long2Fix(static_cast<std::int32_t>(spec.dpi))) == expected);
+    const Bytes expected = expectedRgb(shape);
+    EXPECT_TRUE(PictReader{file}.read(shape, long2Fix(static_cast<std::int32_t>(shape.dpi))) == expected);
 
     // The picture a native transfer hands over is the file without its 512 bytes.
     Bytes picture;
@@ -257,9 +257,9 @@ TEST_P(Export, PictWalksAndDecodes) {
     // A second, independent decoder, when ImageMagick is here.
     if (std::system("convert -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "ImageMagick not installed";
     // ImageMagick's default policy refuses images wider than 16000 pixels.
-    if (spec.width > 16000) GTEST_SKIP() << "too wide for ImageMagick's policy";
+    if (shape.width > 16000) GTEST_SKIP() << "too wide for ImageMagick's policy";
     // ImageMagick reads one- and two-pixel direct rows by its own rule.
-    if (!spec.gray && spec.width <= 2) GTEST_SKIP() << "ImageMagick decodes narrow direct rows its own way";
+    if (!shape.gray && shape.width <= 2) GTEST_SKIP() << "ImageMagick decodes narrow direct rows its own way";
     const std::string command = "convert 'PICT:" + path + "' -depth 8 rgb:- 2>/dev/null";
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
     ASSERT_TRUE(pipe);
@@ -272,7 +272,7 @@ INSTANTIATE_TEST_SUITE_P(Images, Export, testing::ValuesIn(kExportImages));
 
 TEST(Export, RefusesNullAndUnknownAndLeavesNothing) {
     test::ScratchDir dir;
-    auto image = imageOf(dir, RawSpec{4, 4, true});
+    auto image = imageOf(dir, RawShape{4, 4, true});
     ASSERT_TRUE(image);
     const std::string path = dir.file("out");
     EXPECT_FALSE(ImageConvert::saveGWorld(nullptr, path.c_str(), kFileTypeTIFF));

@@ -9,48 +9,48 @@
 namespace zentary {
 namespace {
 
-using test::RawSpec;
+using test::RawShape;
 
-class RawConversion : public testing::TestWithParam<RawSpec> {};
+class RawConversion : public testing::TestWithParam<RawShape> {};
 
 TEST_P(RawConversion, PixelsResolutionAndTableAreExact) {
-    const RawSpec spec = GetParam();
+    const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = newGWorldFromRawFile(test::writeRawFile(dir, spec));
+    auto image = newGWorldFromRawFile(test::writeRawFile(dir, shape));
     ASSERT_TRUE(image);
-    EXPECT_EQ(image->depth(), spec.gray ? 8 : 32);
-    EXPECT_EQ(image->bounds(), (Rect{0, 0, static_cast<std::int16_t>(spec.height), static_cast<std::int16_t>(spec.width)}));
-    EXPECT_EQ(image->hRes(), static_cast<Fixed>(spec.dpi) << 16);
-    EXPECT_EQ(image->vRes(), static_cast<Fixed>(spec.dpi) << 16);
-    EXPECT_GE(image->rowBytes(), static_cast<std::size_t>(spec.width * image->bytesPerPixel()));
-    if (spec.gray) {
+    EXPECT_EQ(image->depth(), shape.gray ? 8 : 32);
+    EXPECT_EQ(image->bounds(), (Rect{0, 0, static_cast<std::int16_t>(shape.height), static_cast<std::int16_t>(shape.width)}));
+    EXPECT_EQ(image->hRes(), static_cast<Fixed>(shape.dpi) << 16);
+    EXPECT_EQ(image->vRes(), static_cast<Fixed>(shape.dpi) << 16);
+    EXPECT_GE(image->rowBytes(), static_cast<std::size_t>(shape.width * image->bytesPerPixel()));
+    if (shape.gray) {
         ASSERT_EQ(image->colorTable().size(), 256u);
         EXPECT_EQ(image->colorTable()[0], (RGBColor{0, 0, 0}));
         EXPECT_EQ(image->colorTable()[255], (RGBColor{0xFFFF, 0xFFFF, 0xFFFF}));
     } else {
         EXPECT_TRUE(image->colorTable().empty());
     }
-    const auto stored = test::rawPixels(spec);
-    const std::size_t storedRow = stored.size() / static_cast<std::size_t>(spec.height);
-    for (int y = 0; y < spec.height; ++y) {
+    const auto stored = test::rawPixels(shape);
+    const std::size_t storedRow = stored.size() / static_cast<std::size_t>(shape.height);
+    for (int y = 0; y < shape.height; ++y) {
         std::vector<std::uint8_t> expected(stored.begin() + static_cast<long>(storedRow * y),
                                            stored.begin() + static_cast<long>(storedRow * (y + 1)));
-        if (!spec.gray)
+        if (!shape.gray)
             for (std::size_t i = 0; i < expected.size(); i += 4) expected[i] = 0xFF;
         ASSERT_EQ(std::vector<std::uint8_t>(image->row(y), image->row(y) + storedRow), expected) << "row " << y;
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Images, RawConversion,
-                         testing::Values(RawSpec{5, 3, true, 300}, RawSpec{2, 2, false, 150}, RawSpec{16, 9, true, 600},
-                                         RawSpec{1, 1, false, 1200},
+                         testing::Values(RawShape{5, 3, true, 300}, RawShape{2, 2, false, 150}, RawShape{16, 9, true, 600},
+                                         RawShape{1, 1, false, 1200},
                                          // Rows padded in memory and more rows than one read block holds.
-                                         RawSpec{1003, 700, false, 75}, RawSpec{4099, 200, true, 32767}));
+                                         RawShape{1003, 700, false, 75}, RawShape{4099, 200, true, 32767}));
 
 // Every damaged or foreign file gives no image, and never a read past its end.
 TEST(RawConversion, RefusesBadFiles) {
     test::ScratchDir dir;
-    const RawSpec good{4, 3, false};
+    const RawShape good{4, 3, false};
     struct Case {
         const char* name;
         void (*damage)(RawFileHeader&);
@@ -91,12 +91,12 @@ TEST(RawConversion, RefusesBadFiles) {
 TEST(RawConversion, ShortFileKeepsItsRowsAndFillsWhite) {
     test::ScratchDir dir;
     for (const bool gray : {true, false}) {
-        const RawSpec spec{6, 5, gray};
-        auto pixels = test::rawPixels(spec);
+        const RawShape shape{6, 5, gray};
+        auto pixels = test::rawPixels(shape);
         const std::size_t storedRow = pixels.size() / 5;
         pixels.resize(storedRow * 2 + storedRow / 2);  // two rows and a half
         const std::string path = dir.file("short.raw");
-        test::writeRawFile(path, test::rawHeader(spec), pixels);
+        test::writeRawFile(path, test::rawHeader(shape), pixels);
         auto image = newGWorldFromRawFile(path);
         ASSERT_TRUE(image);
         EXPECT_EQ(image->height(), 5);
@@ -108,7 +108,7 @@ TEST(RawConversion, ShortFileKeepsItsRowsAndFillsWhite) {
 
 TEST(RawHeader, ReadsAndRecognises) {
     test::ScratchDir dir;
-    const std::string raw = test::writeRawFile(dir, RawSpec{5, 3, true, 300});
+    const std::string raw = test::writeRawFile(dir, RawShape{5, 3, true, 300});
     struct Case {
         std::string name;
         std::vector<std::uint8_t> bytes;

@@ -38,7 +38,7 @@ inline std::uint8_t sample(Pattern pattern, int x, int y, int c, int width, int 
                                                : (x + y) * 255 / std::max(width + height - 2, 1)));
 }
 
-struct RawSpec {
+struct RawShape {
     int width;
     int height;
     bool gray;
@@ -46,23 +46,23 @@ struct RawSpec {
     Pattern pattern = Pattern::Blocky;
 };
 
-inline RawFileHeader rawHeader(const RawSpec& spec) {
-    return {kRawFileSignature, kRawFileHeaderLength, spec.gray ? 1u : 0u, spec.gray ? 1u : 4u, 8u,
-            spec.dpi, static_cast<std::uint32_t>(spec.width), static_cast<std::uint32_t>(spec.height)};
+inline RawFileHeader rawHeader(const RawShape& shape) {
+    return {kRawFileSignature, kRawFileHeaderLength, shape.gray ? 1u : 0u, shape.gray ? 1u : 4u, 8u,
+            shape.dpi, static_cast<std::uint32_t>(shape.width), static_cast<std::uint32_t>(shape.height)};
 }
 
 // The stored rows of the pattern: gray bytes, or x R G B with x = 0x5A so
 // that a reader that keeps it instead of writing opaque alpha shows.
-inline std::vector<std::uint8_t> rawPixels(const RawSpec& spec) {
+inline std::vector<std::uint8_t> rawPixels(const RawShape& shape) {
     std::vector<std::uint8_t> bytes;
-    for (int y = 0; y < spec.height; ++y)
-        for (int x = 0; x < spec.width; ++x) {
-            if (spec.gray) {
-                bytes.push_back(sample(spec.pattern, x, y, 0, spec.width, spec.height));
+    for (int y = 0; y < shape.height; ++y)
+        for (int x = 0; x < shape.width; ++x) {
+            if (shape.gray) {
+                bytes.push_back(sample(shape.pattern, x, y, 0, shape.width, shape.height));
                 continue;
             }
             bytes.push_back(0x5A);
-            for (int c = 0; c < 3; ++c) bytes.push_back(sample(spec.pattern, x, y, c, spec.width, spec.height));
+            for (int c = 0; c < 3; ++c) bytes.push_back(sample(shape.pattern, x, y, c, shape.width, shape.height));
         }
     return bytes;
 }
@@ -74,9 +74,9 @@ inline void writeRawFile(const std::string& path, const RawFileHeader& header, c
     out.write(reinterpret_cast<const char*>(pixels.data()), static_cast<std::streamsize>(pixels.size()));
 }
 
-inline std::string writeRawFile(const ScratchDir& dir, const RawSpec& spec) {
+inline std::string writeRawFile(const ScratchDir& dir, const RawShape& shape) {
     const std::string path = dir.file("scan.raw");
-    writeRawFile(path, rawHeader(spec), rawPixels(spec));
+    writeRawFile(path, rawHeader(shape), rawPixels(shape));
     return path;
 }
 
