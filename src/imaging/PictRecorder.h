@@ -33,7 +33,8 @@ public:
     // Records the part `area` of `image` (image coordinates) at the same
     // place in the picture. The area must fit the image and be at most
     // maximumStripWidth(depth) pixels wide, so that no recorded row passes
-    // kMaximumPictureRowBytes.
+    // kMaximumPictureRowBytes. Prefer recordImage, which also keeps colour
+    // strips out of the widths that PICT readers decode differently.
     bool copyBits(const OffscreenImage& image, const Rect& area);
 
     // Records the whole image: one record when its rows fit the limit,
@@ -71,9 +72,11 @@ private:
     std::array<std::uint8_t, packBitsBound(kMaximumPictureRowBytes + 1)> mPacked{};
 };
 
-// A PICT file: 512 zero bytes, then the picture of the whole image.
+// A PICT file: 512 zero bytes, then the picture of the whole image. The
+// picture's frame is the image in pixels; its header carries the resolution.
 bool writePictFile(const OffscreenImage& image, int fd);
-// The picture alone, as a native transfer hands it over.
+// The picture alone, as a native transfer hands it over. A transfer that
+// must not hold the picture twice records into its own ByteSink instead.
 bool recordPicture(const OffscreenImage& image, std::vector<std::uint8_t>& picture);
 
 }  // namespace zentary
