@@ -1,0 +1,31 @@
+// The image file exporters: TIFF through libtiff, JPEG through libjpeg-turbo,
+// PICT through our own recorder. Each streams the image's rows to its sink;
+// none copies the whole image.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "imaging/ByteSink.h"
+#include "imaging/OffscreenImage.h"
+
+namespace zentary {
+
+// The exporters never set a quality on the original platform, so its
+// exporter's default applied; 85 keeps scanned text crisp at a third of the
+// size of the best quality.
+inline constexpr int kDefaultJpegQuality = 85;
+
+// Uncompressed, strips of about 256 KiB, resolution in dots per inch. Gray
+// images are MinIsBlack, colour images RGB (the alpha byte is dropped).
+bool writeTiff(const OffscreenImage& image, ByteSink& sink);
+// Baseline JFIF with the resolution as its density in dots per inch.
+bool writeJpeg(const OffscreenImage& image, ByteSink& sink, int quality = kDefaultJpegQuality);
+
+// The same written to a file for the user: under a temporary name first,
+// renamed to `path` only when complete.
+bool exportTiff(const OffscreenImage& image, const std::string& path);
+bool exportJpeg(const OffscreenImage& image, const std::string& path, int quality = kDefaultJpegQuality);
+bool exportPict(const OffscreenImage& image, const std::string& path);
+
+}  // namespace zentary

@@ -1,0 +1,287 @@
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <jpeglib.h>
+#include <memory>
+#include <tiffio.h>
+
+#include "imaging/ImageConvert.h"
+#include "imaging/ImageExport.h"
+#include "imaging/PackBits.h"
+#include "imaging/PictRecorder.h"
+#include "imaging/RawFileReader.h"
+#include "unit/imaging/RawFixture.h"
+
+namespace zentary {
+namespace {
+
+using test::RawShape;
+using Bytes = std::vector<std::uint8_t>;
+
+// The expected image as R G B triples (gray repeated), top row first.
+Bytes expectedRgb(const RawShape& shape) {
+    Bytes rgb;
+    for (int y = 0; y < shape.height; ++y)
+        for (int x = 0; x < shape.width; ++x)
+            for (int c = 0; c < 3; ++c)
+                rgb.push_back(test::sample(shape.pattern, x, y, shape.gray ? 0 : c, shape.width, shape.height));
+    return rgb;
+}
+
+std::unique_ptr<OffscreenImage> imageOf(const test::ScratchDir& dir, const RawShape& shape) {
+    return newGWorldFromRawFile(test::writeRawFile(dir, shape));
+}
+
+TEST(PackBits, MatchesHandPackedRows) {
+    const Bytes literal129 = [] {
+        Bytes b(129);
+        for (int i = 0; i < 129; ++i) b[i] = static_cast<std::uint8_t>(i);
+        return b;
+    }();
+    Bytes literal129Packed{127};
+    literal129Packed.insert(literal129Packed.end(), literal129.begin(), literal129.begin() + 128);
+    literal129Packed.insert(literal129Packed.end(), {0, 128});
+    const struct {
+        Bytes in, out;
+    } cases[] = {
+        {{}, {}},
+        {{7}, {0, 7}},
+        {{7, 7}, {0xFF, 7}},
+        // The classic example from Apple's PackBits note.
+        {{0xAA, 0xAA, 0xAA, 0x80, 0x00, 0x2A, 0xAA, 0xAA, 0xAA, 0xAA, 0x80, 0x00, 0x2A, 0x22, 0xAA, 0xAA, 0xAA, 0xAA,
+          0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA},
+         {0xFE, 0xAA, 0x02, 0x80, 0x00, 0x2A, 0xFD, 0xAA, 0x03, 0x80, 0x00, 0x2A, 0x22, 0xF7, 0xAA}},
+        {{1, 2, 2, 3}, {3, 1, 2, 2, 3}},  // a pair inside a literal stays literal
+        {Bytes(130, 9), {0x81, 9, 0xFF, 9}},
+        {literal129, literal129Packed},
+    };
+    for (const auto& c : cases) {
+        Bytes out(packBitsBound(c.in.size()));
+        out.resize(packBits(c.in, out.data()));
+        EXPECT_EQ(out, c.out) << "input of " << c.in.size() << " bytes";
+    }
+}
+
+const RawShape kExportImages[] = {RawShape{5, 3, true, 300}, RawShape{7, 4, false, 150}, RawShape{1, 2, false, 72},
+                                 RawShape{301, 40, true, 600}, RawShape{260, 33, false, 1200},
+                                 // Widths where PICT readers disagree on the packed row length.
+                                 RawShape{60, 5, false, 300}, RawShape{229, 5, true, 300},
+                                 // Wider than one picture record may be: recorded in strips.
+                                 RawShape{4100, 3, false, 300}, RawShape{4097, 2, false, 300},
+                                 RawShape{16390, 2, true, 300}};
+
+class Export : public testing::TestWithParam<RawShape> {};
+
+TEST_P(Export, TiffReadsBackExactly) {
+    const RawShape shape = GetParam();
+    test::ScratchDir dir;
+    auto image = imageOf(dir, shape);
+    ASSERT_TRUE(image);
+    const std::string path = dir.file("out.tif");
+    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypeTIFF));
+
+    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(path.c_str(), "r"), TIFFClose);
+    ASSERT_TRUE(tiff);
+    std::uint32_t width = 0, height = 0;
+    std::uint16_t samples = 0, bits = 0, photometric = 0, unit = 0;
+    float xRes = 0, yRes = 0;
+    TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
+    TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
+    TIFFGetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
+    TIFFGetField(tiff.get(), TIFFTAG_BITSPERSAMPLE, &bits);
+    TIFFGetField(tiff.get(), TIFFTAG_PHOTOMETRIC, &photometric);
+    TIFFGetField(tiff.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
+    TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &xRes);
+    TIFFGetField(tiff.get(), TIFFTAG_YRESOLUTION, &yRes);
+    EXPECT_EQ(width, static_cast<std::uint32_t>(shape.width));
+    EXPECT_EQ(height, static_cast<std::uint32_t>(shape.height));
+    EXPECT_EQ(samples, shape.gray ? 1 : 3);
+    EXPECT_EQ(bits, 8);
+    EXPECT_EQ(photometric, shape.gray ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
+    EXPECT_EQ(unit, RESUNIT_INCH);
+    EXPECT_FLOAT_EQ(xRes, static_cast<float>(shape.dpi));
+    EXPECT_FLOAT_EQ(yRes, static_cast<float>(shape.dpi));
+
+    const Bytes expected = expectedRgb(shape);
+    Bytes line(static_cast<std::size_t>(TIFFScanlineSize(tiff.get())));
+    for (int y = 0; y < shape.height; ++y) {
+        ASSERT_EQ(TIFFReadScanline(tiff.get(), line.data(), static_cast<std::uint32_t>(y)), 1);
+        for (int x = 0; x < shape.width; ++x)
+            for (int c = 0; c < samples; ++c)
+                ASSERT_EQ(line[x * samples + c], expected[(static_cast<std::size_t>(y) * shape.width + x) * 3 + c])
+                    << x << "," << y;
+    }
+}
+
+// Peak signal-to-noise ratio of the decoded JPEG against the pattern; it must
+// reach 35 dB at our default quality, and the density must be the scan's.
+class JpegExport : public testing::TestWithParam<RawShape> {};
+
+TEST_P(JpegExport, DecodesCloseToTheImage) {
+    const RawShape shape = GetParam();
+    test::ScratchDir dir;
+    auto image = imageOf(dir, shape);
+    ASSERT_TRUE(image);
+    const std::string path = dir.file("out.jpg");
+    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypeJPEG));
+
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
+    ASSERT_TRUE(file);
+    jpeg_decompress_struct info;
+    jpeg_error_mgr error;
+    info.err = jpeg_std_error(&error);
+    jpeg_create_decompress(&info);
+    jpeg_stdio_src(&info, file.get());
+    ASSERT_EQ(jpeg_read_header(&info, TRUE), JPEG_HEADER_OK);
+    info.out_color_space = JCS_RGB;
+    jpeg_start_decompress(&info);
+    EXPECT_EQ(info.output_width, static_cast<unsigned>(shape.width));
+    EXPECT_EQ(info.output_height, static_cast<unsigned>(shape.height));
+    EXPECT_EQ(info.density_unit, 1);
+    EXPECT_EQ(info.X_density, shape.dpi);
+    const Bytes expected = expectedRgb(shape);
+    Bytes line(static_cast<std::size_t>(shape.width) * 3);
+    double squared = 0;
+    while (info.output_scanline < info.output_height) {
+        const std::size_t y = info.output_scanline;
+        JSAMPROW row = line.data();
+        jpeg_read_scanlines(&info, &row, 1);
+        for (std::size_t i = 0; i < line.size(); ++i) {
+            const double d = double(line[i]) - expected[y * line.size() + i];
+            squared += d * d;
+        }
+    }
+    jpeg_finish_decompress(&info);
+    jpeg_destroy_decompress(&info);
+    const double mse = squared / double(expected.size());
+    const double psnr = mse == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / mse);
+    EXPECT_GE(psnr, 35.0);
+}
+
+// Photo-like content of a few sizes, odd ones included (partial MCUs).
+INSTANTIATE_TEST_SUITE_P(Images, JpegExport,
+                         testing::Values(RawShape{301, 120, true, 300, test::Pattern::Smooth},
+                                         RawShape{260, 133, false, 600, test::Pattern::Smooth},
+                                         RawShape{1001, 707, false, 150, test::Pattern::Smooth}));
+
+// Walks a PICT file the way a reader must: every opcode known and word
+// aligned, no record row past the limit, and the bit maps decoded onto a
+// canvas. Returns the canvas as R G B, empty on a structural fault.
+struct PictReader {
+    const Bytes& b;
+    std::size_t p = 512;
+    bool ok = true;
+    unsigned u16() {
+        if (p + 2 > b.size()) return ok = false, 0;
+        p += 2;
+        return b[p - 2] << 8 | b[p - 1];
+    }
+    std::uint32_t u32() { return u16() << 16 | u16(); }
+    Rect rect() {
+        Rect r;
+        r.top = static_cast<std::int16_t>(u16()), r.left = static_cast<std::int16_t>(u16());
+        r.bottom = static_cast<std::int16_t>(u16()), r.right = static_cast<std::int16_t>(u16());
+        return r;
+    }
+    Bytes raw(std::size_t length) {
+        if (p + length > b.size()) return ok = false, Bytes{};
+        p += length;
+        return Bytes(b.begin() + static_cast<long>(p - length), b.begin() + static_cast<long>(p));
+    }
+    Bytes unpack(std::size_t length) {
+        Bytes out;
+        const std::size_t end = p + length;
+        while (ok && p < end && p < b.size()) {
+            const int n = static_cast<std::int8_t>(b[p++]);
+            if (n >= 0) out.insert(out.end(), b.begin() + p, b.begin() + std::min(b.size(), p + n + 1)), p += n + 1;
+            else out.insert(out.end(), 1 - n, p < b.size() ? b[p] : 0), ++p;
+        }
+        ok = ok && p == end;
+        return out;
+    }
+    Bytes read(const RawShape& shape, Fixed resolution) {
+        u16();
+        const Rect frame = rect();
+        const bool header = u16() == 0x0011 && u16() == 0x02FF && u16() == 0x0C00 && u16() == 0xFFFE && u16() == 0 &&
+                            u32() == std::uint32_t(resolution) && u32() == std::uint32_t(resolution) && rect() == frame &&
+                            u32() == 0 && u16() == 0x0001 && u16() == 10 && rect() == frame;
+        if (!header || frame.width() != shape.width || frame.height() != shape.height) return {};
+        Bytes canvas(std::size_t(shape.width) * shape.height * 3, 0);
+        for (unsigned op = u16(); ok && op != 0x00FF; op = u16()) {
+            if (op != 0x0098 && op != 0x009A) return {};
+            const bool direct = op == 0x009A;
+            if (direct && u32() != 0xFF) return {};
+            const unsigned rowBytes = u16() & 0x7FFF;
+            const Rect bounds = rect();
+            p += 36;  // the rest of the pixel map
+            if (!direct) p += 8 + 256 * 8;
+            if (rect() != bounds || rect() != bounds || u16() != 0 || rowBytes > kMaximumPictureRowBytes) return {};
+            const std::size_t start = p;
+            for (int y = bounds.top; ok && y < bounds.bottom; ++y) {
+                const std::size_t count = rowBytes < 8 ? 0 : rowBytes > 250 ? u16() : b[p++];
+                const Bytes row = rowBytes < 8 ? raw(rowBytes) : unpack(count);
+                const int w = bounds.width();
+                for (int x = 0; ok && x < w; ++x)
+                    for (int c = 0; c < 3; ++c) {
+                        const std::size_t at = !direct ? x : rowBytes < 8 ? 4 * x + 1 + c : std::size_t(c) * w + x;
+                        ok = ok && at < row.size();
+                        canvas[(std::size_t(y) * shape.width + bounds.left + x) * 3 + c] = ok ? row[at] : 0;
+                    }
+            }
+            if ((p - start) & 1) ++p;
+        }
+        return ok && p == b.size() ? canvas : Bytes{};
+    }
+};
+
+TEST_P(Export, PictWalksAndDecodes) {
+    const RawShape shape = GetParam();
+    test::ScratchDir dir;
+    auto image = imageOf(dir, shape);
+    ASSERT_TRUE(image);
+    const std::string path = dir.file("out.pict");
+    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypePICT));
+    std::ifstream in(path, std::ios::binary);
+    const Bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_GT(file.size(), 512u);
+    EXPECT_EQ(Bytes(file.begin(), file.begin() + 512), Bytes(512, 0));
+    const Bytes expected = expectedRgb(shape);
+    EXPECT_TRUE(PictReader{file}.read(shape, long2Fix(static_cast<std::int32_t>(shape.dpi))) == expected);
+
+    // The picture a native transfer hands over is the file without its 512 bytes.
+    Bytes picture;
+    ASSERT_TRUE(recordPicture(*image, picture));
+    EXPECT_TRUE(std::equal(picture.begin(), picture.end(), file.begin() + 512, file.end()));
+
+    // A second, independent decoder, when ImageMagick is here.
+    if (std::system("convert -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "ImageMagick not installed";
+    // ImageMagick's default policy refuses images wider than 16000 pixels.
+    if (shape.width > 16000) GTEST_SKIP() << "too wide for ImageMagick's policy";
+    // ImageMagick reads one- and two-pixel direct rows by its own rule.
+    if (!shape.gray && shape.width <= 2) GTEST_SKIP() << "ImageMagick decodes narrow direct rows its own way";
+    const std::string command = "convert 'PICT:" + path + "' -depth 8 rgb:- 2>/dev/null";
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
+    ASSERT_TRUE(pipe);
+    Bytes decoded(expected.size() + 1);
+    decoded.resize(std::fread(decoded.data(), 1, decoded.size(), pipe.get()));
+    EXPECT_TRUE(decoded == expected) << "ImageMagick gave " << decoded.size() << " bytes";
+}
+
+INSTANTIATE_TEST_SUITE_P(Images, Export, testing::ValuesIn(kExportImages));
+
+TEST(Export, RefusesNullAndUnknownAndLeavesNothing) {
+    test::ScratchDir dir;
+    auto image = imageOf(dir, RawShape{4, 4, true});
+    ASSERT_TRUE(image);
+    const std::string path = dir.file("out");
+    EXPECT_FALSE(ImageConvert::saveGWorld(nullptr, path.c_str(), kFileTypeTIFF));
+    EXPECT_FALSE(ImageConvert::saveGWorld(image.get(), nullptr, kFileTypeJPEG));
+    EXPECT_FALSE(ImageConvert::saveGWorld(image.get(), path.c_str(), fourCharCode("BMPf")));
+    EXPECT_FALSE(ImageConvert::saveGWorld(image.get(), dir.file("no/such/dir").c_str(), kFileTypeJPEG));
+    EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path(path).parent_path().string() + "/") ||
+                !std::filesystem::exists(path));
+}
+
+}  // namespace
+}  // namespace zentary

@@ -1,0 +1,83 @@
+// Raw scan files made from synthetic patterns, in a scratch directory.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "scanlib/RawFileHeader.h"
+
+namespace zentary::test {
+
+class ScratchDir {
+public:
+    ScratchDir() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "imaging-XXXXXX").string();
+        mPath = ::mkdtemp(pattern.data());
+    }
+    ~ScratchDir() { std::filesystem::remove_all(mPath); }
+    std::string file(const std::string& name) const { return (mPath / name).string(); }
+
+private:
+    std::filesystem::path mPath;
+};
+
+enum class Pattern { Blocky, Smooth };
+
+// Sample c (0 red, 1 green, 2 blue; gray uses 0) of pixel (x, y). Blocky has
+// runs of four equal bytes and sharp steps, to exercise both kinds of
+// PackBits packet; Smooth is what a photograph looks like to JPEG.
+inline std::uint8_t sample(Pattern pattern, int x, int y, int c, int width, int height) {
+    if (pattern == Pattern::Blocky) return static_cast<std::uint8_t>((x / 4) * 16 + y * 8 + c * 40);
+    return static_cast<std::uint8_t>((c == 0 ? x * 255 / std::max(width - 1, 1)
+                                      : c == 1 ? y * 255 / std::max(height - 1, 1)
+                                               : (x + y) * 255 / std::max(width + height - 2, 1)));
+}
+
+struct RawShape {
+    int width;
+    int height;
+    bool gray;
+    std::uint32_t dpi = 300;
+    Pattern pattern = Pattern::Blocky;
+};
+
+inline RawFileHeader rawHeader(const RawShape& shape) {
+    return {kRawFileSignature, kRawFileHeaderLength, shape.gray ? 1u : 0u, shape.gray ? 1u : 4u, 8u,
+            shape.dpi, static_cast<std::uint32_t>(shape.width), static_cast<std::uint32_t>(shape.height)};
+}
+
+// The stored rows of the pattern: gray bytes, or x R G B with x = 0x5A so
+// that a reader that keeps it instead of writing opaque alpha shows.
+inline std::vector<std::uint8_t> rawPixels(const RawShape& shape) {
+    std::vector<std::uint8_t> bytes;
+    for (int y = 0; y < shape.height; ++y)
+        for (int x = 0; x < shape.width; ++x) {
+            if (shape.gray) {
+                bytes.push_back(sample(shape.pattern, x, y, 0, shape.width, shape.height));
+                continue;
+            }
+            bytes.push_back(0x5A);
+            for (int c = 0; c < 3; ++c) bytes.push_back(sample(shape.pattern, x, y, c, shape.width, shape.height));
+        }
+    return bytes;
+}
+
+inline void writeRawFile(const std::string& path, const RawFileHeader& header, const std::vector<std::uint8_t>& pixels,
+                         std::size_t headerBytes = sizeof(RawFileHeader)) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(&header), static_cast<std::streamsize>(headerBytes));
+    out.write(reinterpret_cast<const char*>(pixels.data()), static_cast<std::streamsize>(pixels.size()));
+}
+
+inline std::string writeRawFile(const ScratchDir& dir, const RawShape& shape) {
+    const std::string path = dir.file("scan.raw");
+    writeRawFile(path, rawHeader(shape), rawPixels(shape));
+    return path;
+}
+
+}  // namespace zentary::test
