@@ -1,63 +1,16 @@
-// The data source's only door, DS_Entry, and the loop thread that every
-// triplet but the identity request runs on.
+// The data source's only door, DS_Entry. Every triplet but the identity
+// request runs on the data source's loop thread.
 #include "ds/DataSource.h"
 
 #include <memory>
-#include <mutex>
 
 #include "ds/DSIdentity.h"
 #include "ds/DataSourceEngine.h"
-#include "platform/RunLoop.h"
+#include "ds/DataSourceThreads.h"
 
 namespace zentary {
 
 using namespace twain;
-
-namespace {
-
-// The loop thread starts with the first triplet and stops once no engine is
-// left; the library's destructor stops it for good, so no thread of ours
-// outlives the code it runs.
-class LoopOwner {
-public:
-    std::shared_ptr<LoopThread> acquire()
-    {
-        std::lock_guard<std::mutex> guard(mMutex);
-        if (!mLoop) mLoop = std::make_shared<LoopThread>("zentary-ds");
-        return mLoop;
-    }
-
-    // Drops the loop when it is idle, unless we are on it (a thread cannot
-    // join itself; the next call from a client thread or unloading will).
-    void releaseIfIdle(const std::shared_ptr<LoopThread>& loop)
-    {
-        if (loop->loop().isCurrent() || DataSourceEngine::exists()) return;
-        std::lock_guard<std::mutex> guard(mMutex);
-        if (mLoop == loop) mLoop.reset();
-    }
-
-    ~LoopOwner()
-    {
-        std::shared_ptr<LoopThread> loop;
-        {
-            std::lock_guard<std::mutex> guard(mMutex);
-            loop = std::move(mLoop);
-        }
-        if (!loop) return;
-        try {
-            callOn(loop->loop(), [] { DataSourceEngine::destroyOrphan(); });
-        } catch (...) {
-        }
-    }
-
-private:
-    std::mutex mMutex;
-    std::shared_ptr<LoopThread> mLoop;
-};
-
-LoopOwner gLoopOwner;
-
-}  // namespace
 
 TW_UINT16 entry(TW_IDENTITY* origin, TW_UINT32 group, TW_UINT16 type, TW_UINT16 message, TW_MEMREF data)
 {
@@ -65,11 +18,12 @@ TW_UINT16 entry(TW_IDENTITY* origin, TW_UINT32 group, TW_UINT16 type, TW_UINT16 
         if (data) fillIdentity(*static_cast<TW_IDENTITY*>(data));
         return TWRC_SUCCESS;
     }
-    std::shared_ptr<LoopThread> loop = gLoopOwner.acquire();
+    DataSourceThreads& threads = DataSourceThreads::instance();
+    std::shared_ptr<LoopThread> loop = threads.acquireLoop();
     TW_UINT16 rc = callOn(loop->loop(), [&] {
         return DataSourceEngine::processOperationTriplet(origin, group, type, message, data);
     });
-    gLoopOwner.releaseIfIdle(loop);
+    threads.releaseLoopIfIdle(loop);
     return rc;
 }
 

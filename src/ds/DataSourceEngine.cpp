@@ -25,13 +25,14 @@ namespace {
 
 // One engine per loaded library, touched on the loop thread only; the mutex
 // keeps the "is there one?" test and the creation together for exists().
+// A plain pointer: the engine must not be destroyed by the static
+// destructors of an unloading library, on whatever thread unloads it, but
+// on the loop thread (see DataSourceThreads).
 std::mutex gEngineMutex;
-std::unique_ptr<DataSourceEngine> gEngine;
+DataSourceEngine* gEngine = nullptr;
 TW_UINT16 gConditionCode = TWCC_SUCCESS;
 bool gEngineAllocated = false;  // refuses a second instance, whoever asks
 
-constexpr std::int32_t kScannerVendorID = 0x2E5D;
-constexpr std::int32_t kScannerProductID = 0x4A21;
 
 void setCode(TW_UINT16* conditionCode, TW_UINT16 code)
 {
@@ -61,7 +62,8 @@ void DataSourceEngine::destroyOrphan()
     std::unique_ptr<DataSourceEngine> engine;
     {
         std::lock_guard<std::mutex> guard(gEngineMutex);
-        engine = std::move(gEngine);
+        engine.reset(gEngine);
+        gEngine = nullptr;
     }
 }
 
@@ -82,7 +84,7 @@ TW_UINT16 DataSourceEngine::processOperationTriplet(TW_IDENTITY* origin, TW_UINT
                     auto engine = initWithOrigin(origin, static_cast<TW_IDENTITY*>(data), &gConditionCode);
                     if (engine) {
                         std::lock_guard<std::mutex> guard(gEngineMutex);
-                        gEngine = std::move(engine);
+                        gEngine = engine.release();
                     } else {
                         rc = TWRC_FAILURE;
                     }

@@ -9,6 +9,7 @@
 #include "capabilities/Capabilities.h"
 #include "ds/DSAlerts.h"
 #include "ds/DataSourceEngine.h"
+#include "ds/DataSourceThreads.h"
 #include "platform/Files.h"
 #include "scanlib/ScanDevice.h"
 #include "twain/Manager.h"
@@ -30,15 +31,6 @@ const char* const kAborted = "ScanAbortedNotification";
 float toFloat(const TW_FIX32& value)
 {
     return static_cast<float>(value.Whole) + static_cast<float>(value.Frac) / 65536.0f;
-}
-
-// Callbacks to the client leave from a thread of their own, so that a client
-// whose callback waits for its own thread, which may be inside DS_Entry
-// waiting for our loop, cannot deadlock us. It lives as long as the library.
-RunLoop& messenger()
-{
-    static LoopThread thread("zentary-notify");
-    return thread.loop();
 }
 
 // "Image_<local date and time>.raw" in the temporary folder; a second scan
@@ -200,7 +192,10 @@ TW_UINT16 DataSourceEngine::sendMessageToApplication(TW_UINT16 message)
     // copies of the two identities and the manager.
     if (mClientIsImageCapture)
         return Manager::send(&mSource, &mApplication, DG_CONTROL, DAT_NULL, message, nullptr);
-    messenger().post([source = mSource, application = mApplication, message]() mutable {
+    // Callbacks to the client leave from a thread of their own, so that a
+    // client whose callback waits for its own thread, which may be inside
+    // DS_Entry waiting for our loop, cannot deadlock us.
+    DataSourceThreads::instance().messenger().post([source = mSource, application = mApplication, message]() mutable {
         Manager::send(&source, &application, DG_CONTROL, DAT_NULL, message, nullptr);
     });
     return TWRC_SUCCESS;

@@ -81,8 +81,12 @@ TEST_F(EngineTest, StartsFromTheRememberedImageTypeAndResolution)
     };
     for (const Case& c : cases) {
         std::filesystem::remove_all(mScratch.path() / "com.tarvell.zentaryQ300.scands.plist");
-        if (c.imageType) ASSERT_TRUE(DSPreferences::setImageTypePreference(*c.imageType));
-        if (c.resolution) ASSERT_TRUE(DSPreferences::setResolutionPreference(*c.resolution));
+        if (c.imageType) {
+            ASSERT_TRUE(DSPreferences::setImageTypePreference(*c.imageType));
+        }
+        if (c.resolution) {
+            ASSERT_TRUE(DSPreferences::setResolutionPreference(*c.resolution));
+        }
         auto engine = open("GIMP", "gimp");
         ASSERT_TRUE(engine);
         EXPECT_EQ(engine->capabilities().currentValue(ICAP_PIXELTYPE), CapabilityValue(c.pixelType));
@@ -150,7 +154,7 @@ TEST(Identity, VersionComesFromTheBundleAndFitsItsField)
         {"<key>CFBundleVersion</key><string>12</string>", 0, 0, "0.0 (0)"},
         {"<key>CFBundleShortVersionString</key><string>10.20.30.40.50.60.70</string>"
          "<key>CFBundleVersion</key><string>1234567890123456789</string>",
-         10, 20, "10.20.30.40.50.60.70 (1234567890123"},
+         10, 20, "10.20.30.40.50.60.70 (12345678901"},  // 33 characters
     };
     for (const Case& c : cases) {
         ScratchDir dir;

@@ -1,0 +1,69 @@
+#include "ds/DataSourceThreads.h"
+
+#include "ds/DataSourceEngine.h"
+#include "platform/NotificationCenter.h"
+
+namespace zentary {
+
+namespace {
+DataSourceThreads gThreads;
+}
+
+DataSourceThreads& DataSourceThreads::instance()
+{
+    return gThreads;
+}
+
+DataSourceThreads::DataSourceThreads()
+{
+    // Statics are destroyed in the reverse order of their construction:
+    // touching the notification centre here makes it outlive us, and with it
+    // the engine that we destroy on unloading.
+    NotificationCenter::defaultCenter();
+}
+
+std::shared_ptr<LoopThread> DataSourceThreads::acquireLoop()
+{
+    std::lock_guard<std::mutex> guard(mMutex);
+    if (!mLoop) mLoop = std::make_shared<LoopThread>("zentary-ds");
+    return mLoop;
+}
+
+void DataSourceThreads::releaseLoopIfIdle(const std::shared_ptr<LoopThread>& loop)
+{
+    if (loop->loop().isCurrent() || DataSourceEngine::exists()) return;
+    std::lock_guard<std::mutex> guard(mMutex);
+    if (mLoop == loop) mLoop.reset();
+}
+
+RunLoop& DataSourceThreads::messenger()
+{
+    std::lock_guard<std::mutex> guard(mMutex);
+    if (!mMessenger) mMessenger = std::make_unique<LoopThread>("zentary-notify");
+    return mMessenger->loop();
+}
+
+DataSourceThreads::~DataSourceThreads()
+{
+    std::shared_ptr<LoopThread> loop;
+    std::unique_ptr<LoopThread> messenger;
+    {
+        std::lock_guard<std::mutex> guard(mMutex);
+        loop = std::move(mLoop);
+        messenger = std::move(mMessenger);
+    }
+    // A client that unloads us with the source still open: the engine goes
+    // on its own thread, as on MSG_CLOSEDS.
+    if (loop) {
+        try {
+            callOn(loop->loop(), [] { DataSourceEngine::destroyOrphan(); });
+        } catch (...) {
+        }
+    } else {
+        DataSourceEngine::destroyOrphan();
+    }
+    loop.reset();
+    messenger.reset();
+}
+
+}  // namespace zentary
