@@ -8,6 +8,7 @@ namespace {
 
 std::mutex sDialogLock;
 DataSourceDialog* gDialog = nullptr;
+bool sDialogComing = false;  // one is being made: the place is taken
 
 }  // namespace
 
@@ -27,9 +28,17 @@ std::unique_ptr<DataSourceDialog> DataSourceDialog::initWithDataSourceEngine(Use
                                                                              const UiBundle* bundle,
                                                                              ScanSettingsStore capabilities)
 {
-    // The test for an existing dialog and taking its place are one step.
-    std::lock_guard<std::mutex> guard(sDialogLock);
-    if (gDialog) return nullptr;
+    {
+        // The test for an existing dialog and taking its place are one step.
+        std::lock_guard<std::mutex> guard(sDialogLock);
+        if (gDialog || sDialogComing) return nullptr;
+        sDialogComing = true;
+    }
+    auto giveBackPlace = [](DataSourceDialog* made) {
+        std::lock_guard<std::mutex> guard(sDialogLock);
+        sDialogComing = false;
+        gDialog = made;
+    };
     std::unique_ptr<DataSourceDialog> dialog(new DataSourceDialog(ui, std::move(engine)));
     dialog->awakeFromNib(bundle, std::move(capabilities));
     DataSourceDialog* raw = dialog.get();
@@ -38,14 +47,15 @@ std::unique_ptr<DataSourceDialog> DataSourceDialog::initWithDataSourceEngine(Use
     // Cancel, so the client is asked to close us rather than wait forever.
     ui.setFailureHandler("dialog", [raw] { raw->handleCancel(); });
     if (!ui.send(dialog->windowMessage("dialog.show"))) {
-        ui.removeActionHandler("dialog");
+        giveBackPlace(nullptr);
         return nullptr;
     }
+    dialog->mShown = true;
     ScanSettings* settings = dialog->mScanSettings.get();
     ui.logEvent(UiMessage("dialog.shown")
                     .set("imageType", settings ? settings->imageTypeSelectionValue() : "")
                     .set("resolution", settings ? settings->resolutionSelectionValue() : ""));
-    gDialog = raw;
+    giveBackPlace(raw);
     return dialog;
 }
 
@@ -63,8 +73,10 @@ DataSourceDialog::~DataSourceDialog()
 {
     if (mScanSettings) mScanSettings->removeObserver(mObserver);
     mUi.removeActionHandler("dialog");
-    mUi.send(UiMessage("dialog.close"));
-    mUi.logEvent(UiMessage("dialog.closed"));
+    if (mShown) {
+        mUi.send(UiMessage("dialog.close"));
+        mUi.logEvent(UiMessage("dialog.closed"));
+    }
     std::lock_guard<std::mutex> guard(sDialogLock);
     if (gDialog == this) gDialog = nullptr;
 }

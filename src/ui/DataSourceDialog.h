@@ -50,6 +50,7 @@ private:
     std::unique_ptr<ScanSettings> mScanSettings;
     std::unique_ptr<DialogStrings> mDialogStrings;
     Observable::Token mObserver = 0;
+    bool mShown = false;
 };
 
 }  // namespace zentary

@@ -31,7 +31,7 @@ std::unique_ptr<ScanProgressDialog> ScanProgressDialog::initWithDataSourceEngine
         if (message.type() == "progress.cancel") raw->handleCancel();
     });
     if (!ui.send(dialog->windowMessage("progress.show"))) {
-        ui.removeActionHandler("progress");
+        dialog->mClosed = true;  // never shown: nothing to close or log
         return nullptr;
     }
     ui.logEvent(UiMessage("progress.shown").set("message", dialog->mProgress ? dialog->mProgress->progressMessage() : ""));
