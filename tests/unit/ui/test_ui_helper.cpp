@@ -235,5 +235,45 @@ TEST_F(HelperFixture, MissingOrDyingHelperFailsWithoutHanging)
     EXPECT_EQ(alert({1, "m", "", {"OK"}, false}), 0);
 }
 
+TEST_F(HelperFixture, HelperThatStopsReadingIsKilledNotWaitedFor)
+{
+    // A "helper" that never reads: sends pile up in our queue, never in a
+    // blocked write, and past the limit the process is killed and replaced.
+    UiHelper helper(loop, {"/bin/sleep", {"30"}, 2, 64 * 1024});
+    ASSERT_TRUE(helper.send(UiMessage("dialog.show")));
+    pid_t first = helper.pid();
+    std::string filler(8 * 1024, 'x');
+    for (int i = 0; i < 200 && helper.pid() == first; ++i) {
+        helper.send(UiMessage("dialog.update").set("filler", filler));
+        loop.runFor(1ms);
+    }
+    ASSERT_TRUE(waitFor([&] { return helper.pid() != first && helper.pid() > 0; }));
+    EXPECT_EQ(::kill(first, 0), -1);
+    EXPECT_EQ(helper.starts(), 2);
+}
+
+TEST(UiMode, ChosenFromTheEnvironment)
+{
+    using Mode = UserInterface::Mode;
+    struct Case {
+        std::optional<std::string> ui, display, wayland;
+        Mode mode;
+    };
+    const Case cases[] = {
+        {std::nullopt, std::nullopt, std::nullopt, Mode::Headless},
+        {std::nullopt, ":0", std::nullopt, Mode::Helper},
+        {std::nullopt, std::nullopt, "wayland-0", Mode::Helper},
+        {std::nullopt, "", std::nullopt, Mode::Headless},
+        {"headless", ":0", std::nullopt, Mode::Headless},
+        {"headless-cancel", ":0", std::nullopt, Mode::HeadlessCancel},
+        {"helper", std::nullopt, std::nullopt, Mode::Helper},
+        {"bogus", ":0", std::nullopt, Mode::Helper},
+    };
+    for (const Case& c : cases) {
+        test::ScopedEnv ui("ZENTARY_UI", c.ui), display("DISPLAY", c.display), wayland("WAYLAND_DISPLAY", c.wayland);
+        EXPECT_EQ(UserInterface::modeFromEnvironment(), c.mode) << c.ui.value_or("-") << c.display.value_or("-");
+    }
+}
+
 }  // namespace
 }  // namespace zentary
