@@ -60,6 +60,14 @@ public:
         // Output queued for a helper that does not read; past this it is
         // taken as hung and killed.
         std::size_t maxQueuedBytes = 1024 * 1024;
+
+        // The helper as shipped: Resources/zentary-ui of the bundle.
+        static Options forResources(const std::string& resourcePath)
+        {
+            Options options;
+            options.executable = resourcePath + "/zentary-ui";
+            return options;
+        }
     };
     using MessageHandler = std::function<void(const UiMessage&)>;
     using LogHandler = std::function<void(const std::string&)>;

@@ -31,7 +31,7 @@ struct HelperFixture : ::testing::Test {
     void SetUp() override
     {
         std::filesystem::create_directories(shots);
-        start((resources / "zentary-ui").string());
+        start(UiHelper::Options::forResources(resources.string()).executable);
     }
     void start(const std::string& executable)
     {
