@@ -1,0 +1,396 @@
+#include "ui/helper/HelperWindows.h"
+
+#include <QApplication>
+#include <QCloseEvent>
+#include <QComboBox>
+#include <QFormLayout>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPixmap>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSocketNotifier>
+#include <QStandardItemModel>
+#include <QVBoxLayout>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <vector>
+
+namespace zentary {
+
+namespace {
+
+QString qt(const std::string& text)
+{
+    return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+std::string utf8(const QString& text)
+{
+    return text.toUtf8().toStdString();
+}
+
+// A top-level window whose close box asks instead of closing: the data
+// source decides when its windows go away.
+class Window : public QWidget {
+public:
+    std::function<void()> onClose;
+
+protected:
+    void closeEvent(QCloseEvent* event) override
+    {
+        event->ignore();
+        if (onClose) onClose();
+    }
+};
+
+// Puts `items` in `menu`, greys out `disabled`, selects `selected`.
+void fillMenu(QComboBox* menu, const std::vector<std::string>& items, const std::vector<std::string>& disabled,
+              const std::string& selected)
+{
+    menu->clear();
+    for (const std::string& item : items) menu->addItem(qt(item));
+    if (auto* model = qobject_cast<QStandardItemModel*>(menu->model())) {
+        for (int row = 0; row < model->rowCount(); ++row) {
+            bool off = std::find(disabled.begin(), disabled.end(), items[static_cast<std::size_t>(row)]) != disabled.end();
+            model->item(row)->setEnabled(!off);
+        }
+    }
+    menu->setCurrentIndex(menu->findText(qt(selected)));
+}
+
+// One widget of a window as a flat JSON object, for the tests' checks.
+std::string describe(const std::string& window, QWidget* widget)
+{
+    UiMessage entry;
+    entry.set("window", window)
+        .set("name", utf8(widget->objectName()))
+        .set("class", widget->metaObject()->className())
+        .set("enabled", widget->isEnabled())
+        .set("visible", widget->isVisible());
+    if (auto* label = qobject_cast<QLabel*>(widget)) entry.set("text", utf8(label->text()));
+    if (auto* button = qobject_cast<QAbstractButton*>(widget)) entry.set("text", utf8(button->text()));
+    if (auto* bar = qobject_cast<QProgressBar*>(widget)) {
+        entry.set("value", bar->value()).set("minimum", bar->minimum()).set("maximum", bar->maximum());
+    }
+    if (auto* menu = qobject_cast<QComboBox*>(widget)) {
+        std::vector<std::string> items, disabled;
+        auto* model = qobject_cast<QStandardItemModel*>(menu->model());
+        for (int row = 0; row < menu->count(); ++row) {
+            items.push_back(utf8(menu->itemText(row)));
+            if (model && !model->item(row)->isEnabled()) disabled.push_back(items.back());
+        }
+        entry.set("text", utf8(menu->currentText())).set("items", items).set("disabledItems", disabled);
+    }
+    if (widget->isWindow()) entry.set("title", utf8(widget->windowTitle()));
+    return entry.encode();
+}
+
+}  // namespace
+
+HelperWindows::HelperWindows(int fd, bool testing) : mFd(fd), mTesting(testing)
+{
+    mNotifier = new QSocketNotifier(fd, QSocketNotifier::Read);
+    QObject::connect(mNotifier, &QSocketNotifier::activated, [this] { readable(); });
+}
+
+HelperWindows::~HelperWindows()
+{
+    delete mNotifier;
+    for (auto& [id, box] : mAlerts) delete box.data();
+    delete mDialog.data();
+    delete mProgress.data();
+}
+
+void HelperWindows::send(const UiMessage& message)
+{
+    std::string line = message.encode() + "\n";
+    std::size_t done = 0;
+    while (done < line.size()) {
+        ssize_t sent = ::send(mFd, line.data() + done, line.size() - done, MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent <= 0) {
+            QApplication::exit(0);  // the data source is gone
+            return;
+        }
+        done += static_cast<std::size_t>(sent);
+    }
+}
+
+void HelperWindows::readable()
+{
+    char buffer[16384];
+    ssize_t got = ::read(mFd, buffer, sizeof buffer);
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    if (got <= 0) {
+        mNotifier->setEnabled(false);
+        QApplication::exit(0);
+        return;
+    }
+    mLines.append(std::string_view(buffer, static_cast<std::size_t>(got)));
+    for (std::size_t dropped = mLines.takeDropped(); dropped; --dropped)
+        std::fprintf(stderr, "zentary-ui: dropped an overlong line\n");
+    while (std::optional<std::string> line = mLines.next()) {
+        std::string error;
+        std::optional<UiMessage> message = UiMessage::decode(*line, &error);
+        if (!message) {
+            std::fprintf(stderr, "zentary-ui: dropped a malformed line (%s)\n", error.c_str());
+            continue;
+        }
+        handle(*message);
+    }
+}
+
+void HelperWindows::handle(const UiMessage& message)
+{
+    std::string type = message.type();
+    if (type == "hello") {
+        if (message.integer("version").value_or(0) != kUiProtocolVersion)
+            std::fprintf(stderr, "zentary-ui: the data source speaks another protocol version\n");
+        send(UiMessage("hello").set("version", kUiProtocolVersion).set("pid", static_cast<std::int64_t>(::getpid())));
+    } else if (type == "dialog.show" || type == "dialog.update") {
+        showDialog(message, type == "dialog.show");
+    } else if (type == "dialog.close") {
+        if (mDialog) mDialog->hide();
+    } else if (type == "progress.show" || type == "progress.update") {
+        showProgress(message, type == "progress.show");
+    } else if (type == "progress.close") {
+        if (mProgress) mProgress->hide();
+    } else if (type == "alert") {
+        showAlert(message);
+    } else if (type == "alert.close") {
+        closeAlert(message.integer("id").value_or(0));
+    } else if (mTesting && type.rfind("test.", 0) == 0) {
+        test(message);
+    }
+    // Anything else comes from a newer data source; not ours to judge.
+}
+
+void HelperWindows::buildDialog()
+{
+    auto* window = new Window();
+    window->setObjectName("dialog");
+    window->onClose = [this] { send(UiMessage("dialog.cancel")); };
+    mImageTypeLabel = new QLabel(window);
+    mImageTypeLabel->setObjectName("imageTypeLabel");
+    mResolutionLabel = new QLabel(window);
+    mResolutionLabel->setObjectName("resolutionLabel");
+    mImageType = new QComboBox(window);
+    mImageType->setObjectName("imageType");
+    mResolution = new QComboBox(window);
+    mResolution->setObjectName("resolution");
+    mScan = new QPushButton(window);
+    mScan->setObjectName("scan");
+    mScan->setDefault(true);
+    mCancel = new QPushButton(window);
+    mCancel->setObjectName("cancel");
+
+    auto* form = new QFormLayout();
+    form->addRow(mImageTypeLabel, mImageType);
+    form->addRow(mResolutionLabel, mResolution);
+    auto* buttons = new QHBoxLayout();
+    buttons->addStretch();
+    buttons->addWidget(mCancel);
+    buttons->addWidget(mScan);
+    auto* layout = new QVBoxLayout(window);
+    layout->addLayout(form);
+    layout->addLayout(buttons);
+
+    QObject::connect(mImageType, &QComboBox::activated, [this] { chosen(mImageType, "dialog.imageType"); });
+    QObject::connect(mResolution, &QComboBox::activated, [this] { chosen(mResolution, "dialog.resolution"); });
+    QObject::connect(mScan, &QPushButton::clicked, [this] { send(UiMessage("dialog.scan")); });
+    QObject::connect(mCancel, &QPushButton::clicked, [this] { send(UiMessage("dialog.cancel")); });
+    mDialog = window;
+}
+
+void HelperWindows::chosen(QComboBox* menu, const char* type)
+{
+    if (mApplying) return;
+    send(UiMessage(type).set("value", utf8(menu->currentText())));
+}
+
+void HelperWindows::showDialog(const UiMessage& message, bool show)
+{
+    if (!mDialog) buildDialog();
+    mApplying = true;
+    std::vector<std::string> keys = message.strings("labelKeys").value_or(std::vector<std::string>());
+    std::vector<std::string> texts = message.strings("labelTexts").value_or(std::vector<std::string>());
+    auto label = [&](const char* key, const char* fallback) {
+        for (std::size_t i = 0; i < keys.size() && i < texts.size(); ++i)
+            if (keys[i] == key) return qt(texts[i]);
+        return QString::fromUtf8(fallback);
+    };
+    mDialog->setWindowTitle(label("title", "Scan"));
+    mImageTypeLabel->setText(label("imageType", "Image type:"));
+    mResolutionLabel->setText(label("resolution", "Resolution:"));
+    mScan->setText(label("scan", "Scan"));
+    mCancel->setText(label("cancel", "Cancel"));
+    auto none = std::vector<std::string>();
+    fillMenu(mImageType, message.strings("imageTypes").value_or(none), message.strings("disabledImageTypes").value_or(none),
+             message.string("imageType").value_or(""));
+    fillMenu(mResolution, message.strings("resolutions").value_or(none), none, message.string("resolution").value_or(""));
+    // Nothing to choose from: a menu with no items is greyed out.
+    mImageType->setEnabled(mImageType->count() > 0);
+    mResolution->setEnabled(mResolution->count() > 0);
+    mApplying = false;
+    if (show) {
+        mDialog->adjustSize();
+        mDialog->show();
+        mDialog->raise();
+        mDialog->activateWindow();
+    }
+}
+
+void HelperWindows::buildProgress()
+{
+    auto* window = new Window();
+    window->setObjectName("progress");
+    mMessage = new QLabel(window);
+    mMessage->setObjectName("message");
+    mBar = new QProgressBar(window);
+    mBar->setObjectName("bar");
+    mBar->setRange(0, 1000);  // the model's 0..1, in steps fine enough to look smooth
+    mBar->setTextVisible(false);
+    mBar->setMinimumWidth(320);
+    mProgressCancel = new QPushButton(window);
+    mProgressCancel->setObjectName("cancel");
+    auto* buttons = new QHBoxLayout();
+    buttons->addStretch();
+    buttons->addWidget(mProgressCancel);
+    auto* layout = new QVBoxLayout(window);
+    layout->addWidget(mMessage);
+    layout->addWidget(mBar);
+    layout->addLayout(buttons);
+    QObject::connect(mProgressCancel, &QPushButton::clicked, [this] { send(UiMessage("progress.cancel")); });
+    mProgress = window;
+}
+
+void HelperWindows::showProgress(const UiMessage& message, bool show)
+{
+    if (!mProgress) buildProgress();
+    if (auto title = message.string("title")) mProgress->setWindowTitle(qt(*title));
+    if (auto cancel = message.string("cancel")) mProgressCancel->setText(qt(*cancel));
+    if (auto text = message.string("message")) mMessage->setText(qt(*text));
+    if (auto value = message.number("progress")) {
+        // The scanner's fraction is passed on unchecked; the bar cannot show
+        // more than full or less than empty.
+        double fraction = std::isfinite(*value) ? std::clamp(*value, 0.0, 1.0) : 0.0;
+        mBar->setValue(static_cast<int>(std::lround(fraction * 1000)));
+    }
+    if (show) {
+        mProgress->adjustSize();
+        mProgress->show();
+        mProgress->raise();
+    }
+}
+
+void HelperWindows::showAlert(const UiMessage& message)
+{
+    std::int64_t id = message.integer("id").value_or(0);
+    closeAlert(id);
+    bool systemModal = message.boolean("systemModal").value_or(false);
+    auto* box = new QMessageBox();
+    box->setObjectName(systemModal ? "systemAlert" : "alert");
+    box->setIcon(systemModal ? QMessageBox::Warning : QMessageBox::Information);
+    box->setWindowTitle(" ");
+    box->setText(qt(message.string("message").value_or("")));
+    std::string informative = message.string("informative").value_or("");
+    if (!informative.empty()) box->setInformativeText(qt(informative));
+    std::vector<std::string> titles = message.strings("buttons").value_or(std::vector<std::string>());
+    if (titles.size() > 3) titles.resize(3);
+    if (titles.empty()) titles.push_back("OK");
+    for (std::size_t i = 0; i < titles.size(); ++i) {
+        QPushButton* button = box->addButton(qt(titles[i]), i == 0 ? QMessageBox::AcceptRole : QMessageBox::RejectRole);
+        button->setObjectName(QString("button%1").arg(i + 1));
+        if (i == 0) box->setDefaultButton(button);
+        QObject::connect(button, &QPushButton::clicked, [this, id, i] {
+            send(UiMessage("alert.answer").set("id", id).set("button", static_cast<std::int64_t>(1000 + i)));
+            closeAlert(id);
+        });
+    }
+    // Both kinds block the whole helper; the system kind also stays on top,
+    // the nearest a window toolkit gets to a system-modal notification.
+    box->setWindowModality(Qt::ApplicationModal);
+    if (systemModal) box->setWindowFlag(Qt::WindowStaysOnTopHint);
+    mAlerts[id] = box;
+    box->show();
+}
+
+void HelperWindows::closeAlert(std::int64_t id)
+{
+    auto it = mAlerts.find(id);
+    if (it == mAlerts.end()) return;
+    if (it->second) {
+        it->second->hide();
+        it->second->deleteLater();
+    }
+    mAlerts.erase(it);
+}
+
+QWidget* HelperWindows::window(const std::string& name, std::int64_t alertId)
+{
+    if (name == "dialog") return mDialog;
+    if (name == "progress") return mProgress;
+    if (name == "alert") {
+        auto it = alertId ? mAlerts.find(alertId) : (mAlerts.empty() ? mAlerts.end() : std::prev(mAlerts.end()));
+        return it == mAlerts.end() ? nullptr : it->second.data();
+    }
+    return nullptr;
+}
+
+void HelperWindows::test(const UiMessage& message)
+{
+    std::string type = message.type();
+    std::string name = message.string("window").value_or("");
+    QWidget* target = window(name, message.integer("alertId").value_or(0));
+    UiMessage reply(type);
+    reply.set("id", message.integer("id").value_or(0));
+    bool ok = false;
+    if (type == "test.press" && target && target->isVisible()) {
+        // As the user would: through the widgets, so disabled ones refuse.
+        std::string control = message.string("control").value_or("");
+        QComboBox* menu = control == "imageType" ? mImageType : control == "resolution" ? mResolution : nullptr;
+        if (menu && target == mDialog) {
+            int row = menu->findText(qt(message.string("value").value_or("")));
+            auto* model = qobject_cast<QStandardItemModel*>(menu->model());
+            if (row >= 0 && menu->isEnabled() && model && model->item(row)->isEnabled()) {
+                menu->setCurrentIndex(row);
+                emit menu->activated(row);
+                ok = true;
+            }
+        } else if (auto* button = target->findChild<QAbstractButton*>(qt(control))) {
+            if (button->isEnabled() && button->isVisible()) {
+                button->click();
+                ok = true;
+            }
+        }
+    } else if (type == "test.snapshot" && target && target->isVisible()) {
+        std::vector<std::string> widgets{describe(name, target)};
+        for (QWidget* child : target->findChildren<QWidget*>())
+            if (qobject_cast<QLabel*>(child) || qobject_cast<QAbstractButton*>(child) ||
+                qobject_cast<QComboBox*>(child) || qobject_cast<QProgressBar*>(child))
+                widgets.push_back(describe(name, child));
+        reply.set("widgets", widgets);
+        std::string path = message.string("path").value_or("");
+        ok = path.empty() || target->grab().save(qt(path), "PNG");
+    } else if (type == "test.windows") {
+        std::vector<std::string> shown;
+        if (mDialog && mDialog->isVisible()) shown.push_back("dialog");
+        if (mProgress && mProgress->isVisible()) shown.push_back("progress");
+        for (auto& [id, box] : mAlerts)
+            if (box && box->isVisible()) shown.push_back("alert:" + std::to_string(id));
+        reply.set("windows", shown);
+        ok = true;
+    }
+    reply.set("ok", ok);
+    send(reply);
+}
+
+}  // namespace zentary

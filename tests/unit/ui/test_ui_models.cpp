@@ -1,0 +1,243 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include "support/TestEnvironment.h"
+#include "ui/DataSourceDialog.h"
+#include "ui/ScanProgressDialog.h"
+
+namespace zentary {
+namespace {
+
+using test::ScratchDir;
+
+// A bundle in a scratch directory with the settings files the test writes.
+struct TestBundle {
+    ScratchDir dir;
+    UiBundle bundle;
+    std::map<std::string, std::string> translations;
+
+    TestBundle()
+    {
+        std::filesystem::create_directories(dir.path() / kSettingsDirectory);
+        bundle.resourcePath = dir.path().string();
+        bundle.localizedString = [this](const std::string& key) {
+            auto it = translations.find(key);
+            return it == translations.end() ? key : it->second;
+        };
+    }
+    void write(const std::string& file, const std::string& body)
+    {
+        std::ofstream(dir.path() / kSettingsDirectory / file)
+            << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>" << body << "</dict></plist>";
+    }
+};
+
+std::string imageType(const char* key, const char* name, int value)
+{
+    return std::string("<key>") + key + "</key><dict><key>displayName</key><string>" + name +
+           "</string><key>value</key><integer>" + std::to_string(value) + "</integer></dict>";
+}
+
+std::string resolution(int dpi)
+{
+    return "<dict><key>displayName</key><string>" + std::to_string(dpi) +
+           " dpi</string><key>value</key><array><integer>" + std::to_string(dpi) +
+           "</integer><integer>0</integer></array></dict>";
+}
+
+// The capability store and preferences as seen by the model, recording writes.
+struct FakeStore {
+    std::vector<CapabilityValue> validTypes{{1}, {2}};
+    CapabilityValue currentType{2};
+    std::vector<CapabilityValue> validResolutions{{150, 0}, {300, 0}, {600, 0}};
+    CapabilityValue currentResolution{300, 0};
+    std::vector<std::pair<std::uint16_t, CapabilityValue>> sets;
+    std::vector<std::int32_t> typePrefs;
+    std::vector<std::int16_t> resolutionPrefs;
+
+    ScanSettingsStore store()
+    {
+        ScanSettingsStore s;
+        s.allValidValues = [this](std::uint16_t cap) -> std::optional<std::vector<CapabilityValue>> {
+            return cap == kPixelTypeCapability ? validTypes : validResolutions;
+        };
+        s.currentValue = [this](std::uint16_t cap) -> std::optional<CapabilityValue> {
+            return cap == kPixelTypeCapability ? currentType : currentResolution;
+        };
+        s.setCurrentValue = [this](std::uint16_t cap, const CapabilityValue& v) { sets.emplace_back(cap, v); };
+        s.setImageTypePreference = [this](std::int32_t v) { typePrefs.push_back(v); return true; };
+        s.setResolutionPreference = [this](std::int16_t v) { resolutionPrefs.push_back(v); return true; };
+        return s;
+    }
+};
+
+struct SettingsFixture : ::testing::Test {
+    TestBundle files;
+    FakeStore store;
+    void SetUp() override
+    {
+        files.write(kScanSettingsFileName,
+                    "<key>imageTypes</key><dict>" + imageType("bw", "Black", 0) + imageType("gray", "Gray", 1) +
+                        imageType("color", "Color", 2) + "</dict><key>resolutions</key><array>" + resolution(75) +
+                        resolution(150) + resolution(300) + resolution(600) + resolution(1200) + "</array>");
+    }
+};
+
+TEST_F(SettingsFixture, MarksWhatTheStoreAllowsAndSelectsItsCurrentValues)
+{
+    files.translations["Gray"] = "Grau";
+    auto settings = ScanSettings::initWithCapabilities(&files.bundle, store.store());
+    ASSERT_TRUE(settings);
+    std::map<std::string, bool> enabled;
+    for (const auto& type : settings->imageTypes()) enabled[type.displayName] = type.enabled;
+    EXPECT_EQ(enabled, (std::map<std::string, bool>{{"Black", false}, {"Grau", true}, {"Color", true}}));
+    EXPECT_EQ(settings->imageTypeSelectionValue(), "Color");
+    EXPECT_EQ(settings->resolutionValues(), (std::vector<std::string>{"150 dpi", "300 dpi", "600 dpi"}));
+    EXPECT_EQ(settings->resolutionSelectionValue(), "300 dpi");
+    EXPECT_TRUE(settings->capabilitiesChanged());
+
+    store.currentResolution = {1200, 0};  // valid nowhere: no selection
+    EXPECT_FALSE(settings->capabilitiesChanged());
+}
+
+TEST_F(SettingsFixture, ChoicesGoToTheStoreAndThePreferencesOnce)
+{
+    auto settings = ScanSettings::initWithCapabilities(&files.bundle, store.store());
+    ASSERT_TRUE(settings);
+    std::vector<std::string> told;
+    settings->addObserver([&](std::string_view key) { told.emplace_back(key); });
+
+    settings->setImageTypeSelectionValue("Color");  // already selected: nothing
+    settings->setImageTypeSelectionValue("Gray");
+    settings->setImageTypeSelectionValue("Color");
+    settings->setResolutionSelectionValue("600 dpi");
+    settings->setResolutionSelectionValue("42 dpi");  // no such entry: text only
+
+    using Set = std::pair<std::uint16_t, CapabilityValue>;
+    EXPECT_EQ(store.sets, (std::vector<Set>{{kPixelTypeCapability, {1}},
+                                            {kPixelTypeCapability, {2}},
+                                            {kXResolutionCapability, {600, 0}}}));
+    EXPECT_EQ(store.typePrefs, (std::vector<std::int32_t>{2, 1}));
+    EXPECT_EQ(store.resolutionPrefs, (std::vector<std::int16_t>{600}));
+    EXPECT_EQ(settings->resolutionSelectionValue(), "42 dpi");
+    EXPECT_EQ(told.size(), 4u);
+}
+
+TEST_F(SettingsFixture, MissingFilesAndListsGiveNoModel)
+{
+    EXPECT_FALSE(ScanSettings::initWithCapabilities(nullptr, store.store()));
+    UiBundle elsewhere{"/nonexistent", nullptr};
+    EXPECT_FALSE(ScanSettings::initWithCapabilities(&elsewhere, store.store()));
+    EXPECT_FALSE(DialogStrings::init(&files.bundle));  // not written
+
+    files.write(kScanSettingsFileName, "<key>imageTypes</key><dict>" + imageType("gray", "Gray", 1) + "</dict>");
+    EXPECT_FALSE(ScanSettings::initWithCapabilities(&files.bundle, store.store()));
+
+    files.write(kScanSettingsFileName, "<key>resolutions</key><array>" + resolution(300) + "</array>");
+    auto noTypes = ScanSettings::initWithCapabilities(&files.bundle, store.store());
+    ASSERT_TRUE(noTypes);  // still a model, without selections
+    EXPECT_EQ(noTypes->imageTypeSelectionValue(), "");
+    EXPECT_TRUE(noTypes->resolutionValues().empty());
+}
+
+TEST(UiModels, DialogStringsAreTranslatedByKey)
+{
+    TestBundle files;
+    files.translations["Scan"] = "Scannen";
+    files.write(kDialogStringsFileName,
+                "<key>scan</key><string>Scan</string><key>cancel</key><string>Cancel</string>"
+                "<key>odd</key><integer>3</integer>");
+    auto strings = DialogStrings::init(&files.bundle);
+    ASSERT_TRUE(strings);
+    EXPECT_EQ(strings->localizedStrings(),
+              (std::map<std::string, std::string>{{"scan", "Scannen"}, {"cancel", "Cancel"}}));
+}
+
+TEST(UiModels, ProgressMessageFollowsTheScanningFlag)
+{
+    TestBundle files;
+    files.translations["Transferring image..."] = "Bild wird übertragen...";
+    auto progress = Progress::init(&files.bundle);
+    ASSERT_TRUE(progress);
+    EXPECT_EQ(progress->progress(), 0.0f);
+    EXPECT_TRUE(progress->isScanning());
+    EXPECT_EQ(progress->progressMessage(), "Scanning...");
+    EXPECT_EQ(progress->localizedStrings().at(kTitleKey), "Tarvell Scan Progress");
+
+    std::vector<std::string> told;
+    progress->addObserver([&](std::string_view key) { told.emplace_back(key); });
+    progress->setIsScanning(false);
+    EXPECT_EQ(progress->progressMessage(), "Bild wird übertragen...");
+    EXPECT_EQ(told, (std::vector<std::string>{kIsScanningKey, kProgressMessageKey}));
+    EXPECT_FALSE(Progress::init(nullptr));
+}
+
+// Headless runs: the controllers against the same interface the helper uses.
+struct HeadlessFixture : ::testing::Test {
+    RunLoop loop;
+    ScratchDir logDir;
+    test::ScopedEnv logEnv{"ZENTARY_UI_LOG", (logDir.path() / "ui.log").string()};
+    UiBundle bundle{(test::bundlePath() / "Resources").string(), nullptr};
+    FakeStore store;
+
+    std::vector<std::string> events()
+    {
+        std::vector<std::string> names;
+        for (const std::string& line : test::readLines(logDir.path() / "ui.log"))
+            if (auto message = UiMessage::decode(line)) names.push_back(message->type());
+        return names;
+    }
+};
+
+TEST_F(HeadlessFixture, TheDialogPressesItsButtonOnceItIsUp)
+{
+    for (auto mode : {UserInterface::Mode::Headless, UserInterface::Mode::HeadlessCancel}) {
+        UserInterface ui(loop, mode, {});
+        int scans = 0, closes = 0;
+        auto dialog = DataSourceDialog::initWithDataSourceEngine(ui, {[&] { ++scans; }, [&] { ++closes; }}, &bundle,
+                                                                 store.store());
+        ASSERT_TRUE(dialog);
+        EXPECT_EQ(DataSourceDialog::current(), dialog.get());
+        EXPECT_FALSE(DataSourceDialog::initWithDataSourceEngine(ui, {}, &bundle, store.store()));
+        EXPECT_EQ(scans + closes, 0);  // not from inside the creation
+        loop.runFor(std::chrono::milliseconds(20));
+        EXPECT_EQ(scans, mode == UserInterface::Mode::Headless ? 1 : 0);
+        EXPECT_EQ(closes, mode == UserInterface::Mode::Headless ? 0 : 1);
+        EXPECT_EQ(ui.presentAlert({1, "m", "", {"Ok", "Cancel"}, false}), 1000);
+        dialog.reset();
+        EXPECT_EQ(DataSourceDialog::current(), nullptr);
+    }
+    EXPECT_EQ(events(), (std::vector<std::string>{"dialog.shown", "dialog.scan", "dialog.closed", "dialog.shown",
+                                                  "dialog.cancel", "dialog.closed"}));
+}
+
+TEST_F(HeadlessFixture, ProgressPollsEveryTwoSecondsUntilTheScanCompletes)
+{
+    UserInterface ui(loop, UserInterface::Mode::Headless, {});
+    float scanned = 0.25f;
+    int stops = 0;
+    auto dialog = ScanProgressDialog::initWithDataSourceEngine(ui, {[&] { return scanned; }, [&] { ++stops; }}, &bundle);
+    ASSERT_TRUE(dialog);
+    EXPECT_EQ(dialog->progress()->progress(), 0.0f);
+    loop.runFor(ScanProgressDialog::kProgressInterval + std::chrono::milliseconds(200));
+    EXPECT_EQ(dialog->progress()->progress(), 0.25f);
+
+    dialog->handleCancel();
+    dialog->scanDidComplete();  // after Cancel: nothing left to stop
+    EXPECT_FALSE(dialog->isPolling());
+    EXPECT_EQ(stops, 1);
+    EXPECT_EQ(dialog->progress()->progressMessage(), "Transferring image...");
+    dialog.reset();
+    EXPECT_EQ(events(), (std::vector<std::string>{"progress.shown", "progress", "progress.cancel", "progress.closed"}));
+
+    // Released while polling: the timer must not reach the dead dialog.
+    auto early = ScanProgressDialog::initWithDataSourceEngine(ui, {[&] { return scanned; }, {}}, &bundle);
+    early.reset();
+    loop.runFor(ScanProgressDialog::kProgressInterval + std::chrono::milliseconds(200));
+}
+
+}  // namespace
+}  // namespace zentary
