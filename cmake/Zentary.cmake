@@ -54,4 +54,8 @@ function(zentary_fuzzer name)
     COMMAND ${CMAKE_COMMAND} -E env ZENTARY_UI=headless
       ${PROJECT_SOURCE_DIR}/scripts/run-fuzzer $<TARGET_FILE:${name}> ${corpus} ${work} ${ZENTARY_FUZZ_SECONDS})
   set_tests_properties(${name} PROPERTIES TIMEOUT 900 LABELS fuzz)
+  add_dependencies(fuzzers ${name})
 endfunction()
+if(ZENTARY_FUZZ AND NOT TARGET fuzzers)
+  add_custom_target(fuzzers)
+endif()
