@@ -203,9 +203,9 @@ TW_UINT16 DataSourceEngine::enable(TW_USERINTERFACE& info, TW_UINT16* conditionC
 void DataSourceEngine::disable()
 {
     cancelTimer(mImageCaptureMultipleScanTimer);
-    if (mDialogShown)
+    if (mDialog)
         releaseDialog();
-    else if (mProgressShown)
+    else if (mProgressDialog)
         closeProgress();
     if (mScanner) mScanner->closeSession();
     mState = kStateOpen;
@@ -214,8 +214,8 @@ void DataSourceEngine::disable()
 void DataSourceEngine::redisplayDataSourceDialog()
 {
     mImageCaptureMultipleScanTimer.reset();
-    if (mProgressShown) closeProgress();
-    if (!mDialogShown) showDialog();
+    if (mProgressDialog) closeProgress();
+    if (!mDialog) showDialog();
 }
 
 TW_UINT16 DataSourceEngine::transferGroup(TW_UINT16 message, TW_UINT32* group, TW_UINT16* conditionCode)

@@ -13,6 +13,10 @@
 #include "platform/Alerts.h"
 #include "platform/Bundle.h"
 #include "platform/Files.h"
+#include "ui/DataSourceDialog.h"
+#include "ui/ScanProgressDialog.h"
+#include "ui/UiBundle.h"
+#include "ui/UserInterface.h"
 #include "platform/UiLog.h"
 #include "scanlib/ScanDevice.h"
 #include "twain/Manager.h"
@@ -144,6 +148,7 @@ DataSourceEngine::~DataSourceEngine()
     if (mLoop)
         for (RunLoop::TimerId id : mTimers) mLoop->cancel(id);
     mTimers.clear();
+    stopUserInterface();
     if (mScanner) mScanner->closeSession();
     mScanner.reset();
     // A scan that was never transferred leaves no temporary file behind.
@@ -169,6 +174,10 @@ std::unique_ptr<DataSourceEngine> DataSourceEngine::initWithOrigin(const TW_IDEN
         setCode(conditionCode, TWCC_LOWMEMORY);
         return nullptr;
     }
+    engine->mLoop = RunLoop::current();
+    // Windows (and so alerts) need a loop to answer on; an engine made
+    // outside one, in a unit test, has neither.
+    if (engine->mLoop) engine->startUserInterface();
 
     engine->mScanner = ScanDevice::scanDeviceWithVID(kScannerVendorID, kScannerProductID, std::nullopt);
     if (!engine->mScanner) {
@@ -247,7 +256,6 @@ std::unique_ptr<DataSourceEngine> DataSourceEngine::initWithOrigin(const TW_IDEN
     engine->mMaximumMemoryBufferSize = 0xFFFFFFFF;
     engine->mMemoryTransferRowsTransfered = 0;
     engine->mImageTransferState = 1;
-    engine->mLoop = RunLoop::current();
     engine->mState = kStateOpen;
     return engine;
 }

@@ -21,8 +21,12 @@ namespace zentary {
 
 class Capabilities;
 class CapabilityValue;
+class DataSourceDialog;
 class OffscreenImage;
 class ScanDevice;
+class ScanProgressDialog;
+class UserInterface;
+struct UiBundle;
 
 class DataSourceEngine {
 public:
@@ -79,8 +83,8 @@ public:
     const TW_SETUPFILEXFER2& defaultFile() const { return mDefaultFile; }
 
     std::optional<std::string> imageFile() const { return mImageFile; }
-    bool dialogShown() const { return mDialogShown; }
-    bool progressShown() const { return mProgressShown; }
+    bool dialogShown() const { return mDialog != nullptr; }
+    bool progressShown() const { return mProgressDialog != nullptr; }
 
 private:
     DataSourceEngine();
@@ -130,6 +134,8 @@ private:
     void cancelTimer(std::optional<RunLoop::TimerId>& timer);
 
     // The settings dialog and the progress window.
+    void startUserInterface();
+    void stopUserInterface();
     void showDialog();
     void releaseDialog();
     void showProgress();
@@ -163,8 +169,10 @@ private:
     std::set<RunLoop::TimerId> mTimers;
     std::optional<RunLoop::TimerId> mImageCaptureMultipleScanTimer;
     std::vector<NotificationCenter::Token> mScanObservers;
-    bool mDialogShown = false;
-    bool mProgressShown = false;
+    std::shared_ptr<UserInterface> mUi;
+    std::unique_ptr<UiBundle> mUiBundle;
+    std::unique_ptr<DataSourceDialog> mDialog;
+    std::unique_ptr<ScanProgressDialog> mProgressDialog;
 };
 
 }  // namespace zentary

@@ -80,7 +80,7 @@ void DataSourceEngine::startScanning(std::optional<int> retry)
     if (mScanner->isSessionOpen()) {
         if (prepareForScan() && startNextScan()) return;
         // With the dialog on screen the user may simply try again.
-        if (!mDialogShown) requestClose();
+        if (!mDialog) requestClose();
         return;
     }
     int attempt = retry ? *retry + 1 : 1;
@@ -144,7 +144,7 @@ bool DataSourceEngine::startNextScan()
     if (std::optional<std::uint64_t> free = files::freeSpace(files::temporaryDirectory()))
         if (pixels * (gray ? 1.0f : 4.0f) > static_cast<float>(*free)) return refuse(7);
 
-    if (mClientIsImageCapture && mDialogShown && pixels * (gray ? 1.0f : 3.0f) > kImageCaptureByteLimit)
+    if (mClientIsImageCapture && mDialog && pixels * (gray ? 1.0f : 3.0f) > kImageCaptureByteLimit)
         return refuse(8);
 
     mScanner->setColorType(gray ? 1 : 0);
@@ -155,7 +155,7 @@ bool DataSourceEngine::startNextScan()
     if (mScanner->startScanWithCrop(ScanRect{left, top, width, height}) != 0) return refuse(4);
     mImageFile = path;
 
-    if (mDialogShown) {
+    if (mDialog) {
         releaseDialog();
         showProgress();
     }
@@ -177,7 +177,7 @@ void DataSourceEngine::startTransfer()
 {
     mState = kStateTransferReady;
     sendMessageToApplication(MSG_XFERREADY);
-    if (mProgressShown) progressScanDidComplete();
+    if (mProgressDialog) progressScanDidComplete();
 }
 
 void DataSourceEngine::requestClose()

@@ -1,70 +1,116 @@
 // The settings dialog and the progress window as the engine drives them.
 //
-// Without a display (ZENTARY_UI=headless, or no DISPLAY) nothing is drawn:
-// the dialog answers at once as a user pressing Scan would
-// (headless-cancel: Cancel), and every event is written to ZENTARY_UI_LOG.
-#include <cstdlib>
-#include <cstring>
-
+// The windows are drawn by the zentary-ui helper process, or by nobody when
+// there is no display (ZENTARY_UI=headless; the dialog then answers at once
+// as a user pressing Scan would, headless-cancel as one pressing Cancel).
+// Every event goes to ZENTARY_UI_LOG either way.
+#include "capabilities/Capabilities.h"
+#include "ds/DSBundle.h"
+#include "ds/DSPreferences.h"
 #include "ds/DataSourceEngine.h"
-#include "platform/UiLog.h"
+#include "platform/Bundle.h"
+#include "scanlib/ScanDevice.h"
+#include "ui/DataSourceDialog.h"
+#include "ui/HelperAlertPresenter.h"
+#include "ui/ScanProgressDialog.h"
+#include "ui/UserInterface.h"
 
 namespace zentary {
 
-namespace {
-
-void logEvent(const char* event, const char* action)
+void DataSourceEngine::startUserInterface()
 {
-    uilog::write(JsonObject().add("event", event).add("action", action));
+    std::optional<Bundle> bundle = Bundle::withIdentifier(kBundleIdentifier);
+    if (bundle) {
+        mUiBundle = std::make_unique<UiBundle>();
+        mUiBundle->resourcePath = bundle->resourcePath("").string();
+        mUiBundle->localizedString = [bundle = *bundle](const std::string& key) {
+            return bundle.localizedString(key);
+        };
+    }
+    UiHelper::Options options = UiHelper::Options::forResources(mUiBundle ? mUiBundle->resourcePath : "");
+    mUi = std::make_shared<UserInterface>(*mLoop, UserInterface::modeFromEnvironment(), options);
+    // Alerts go where the windows go for as long as this engine lives.
+    if (mUi->mode() == UserInterface::Mode::Helper) alerts::setPresenter(std::make_shared<HelperAlertPresenter>(mUi));
 }
 
-bool headlessCancel()
+void DataSourceEngine::stopUserInterface()
 {
-    const char* mode = std::getenv("ZENTARY_UI");
-    return mode && std::strcmp(mode, "headless-cancel") == 0;
+    mDialog.reset();
+    mProgressDialog.reset();
+    if (mUi && mUi->mode() == UserInterface::Mode::Helper) alerts::setPresenter(nullptr);
+    mUi.reset();
+}
+
+namespace {
+
+// The dialog's model sees a value as its numbers: one, or a FIX32's two.
+std::optional<SettingValue> toSetting(const std::optional<CapabilityValue>& value)
+{
+    if (!value) return std::nullopt;
+    if (value->isNumber()) return SettingValue{value->number()};
+    SettingValue numbers;
+    for (const CapabilityValue& item : value->items()) {
+        if (!item.isNumber()) return std::nullopt;
+        numbers.push_back(item.number());
+    }
+    return numbers;
+}
+
+CapabilityValue fromSetting(const SettingValue& value)
+{
+    if (value.size() == 1) return CapabilityValue(value[0]);
+    std::vector<CapabilityValue> items(value.begin(), value.end());
+    return CapabilityValue::list(std::move(items));
 }
 
 }  // namespace
 
 void DataSourceEngine::showDialog()
 {
-    mDialogShown = true;
-    logEvent("dialog", "shown");
-    // The user's answer comes later, from the loop, as a click would.
-    bool cancel = headlessCancel();
-    schedule(std::chrono::milliseconds::zero(), [this, cancel] {
-        if (!mDialogShown) return;
-        logEvent("dialog", cancel ? "cancel" : "scan");
-        if (cancel)
-            requestClose();
-        else
-            startScanning(std::nullopt);
-    });
+    if (!mUi || mDialog) return;
+    ScanSettingsStore store;
+    Capabilities* caps = mCapabilities.get();
+    store.allValidValues = [caps](std::uint16_t cap) -> std::optional<std::vector<SettingValue>> {
+        std::optional<std::vector<CapabilityValue>> values = caps->allValidValues(cap);
+        if (!values) return std::nullopt;
+        std::vector<SettingValue> settings;
+        for (const CapabilityValue& value : *values)
+            if (std::optional<SettingValue> setting = toSetting(value)) settings.push_back(*setting);
+        return settings;
+    };
+    store.currentValue = [caps](std::uint16_t cap) { return toSetting(caps->currentValue(cap)); };
+    store.setCurrentValue = [caps](std::uint16_t cap, const SettingValue& value) {
+        caps->setCurrentValue(cap, fromSetting(value));
+    };
+    store.setImageTypePreference = &DSPreferences::setImageTypePreference;
+    store.setResolutionPreference = &DSPreferences::setResolutionPreference;
+    DataSourceDialogEngine actions{[this] { startScanning(std::nullopt); }, [this] { requestClose(); }};
+    mDialog = DataSourceDialog::initWithDataSourceEngine(*mUi, std::move(actions), mUiBundle.get(), std::move(store));
 }
 
 void DataSourceEngine::releaseDialog()
 {
-    if (!mDialogShown) return;
-    mDialogShown = false;
-    logEvent("dialog", "closed");
+    mDialog.reset();
 }
 
 void DataSourceEngine::showProgress()
 {
-    mProgressShown = true;
-    logEvent("progress", "shown");
+    if (!mUi || mProgressDialog) return;
+    ScanDevice* scanner = mScanner.get();
+    ScanProgressEngine actions{[scanner] { return scanner->scanProgress(); }, [this] { stopScanning(); }};
+    mProgressDialog = ScanProgressDialog::initWithDataSourceEngine(*mUi, std::move(actions), mUiBundle.get());
 }
 
 void DataSourceEngine::closeProgress()
 {
-    if (!mProgressShown) return;
-    mProgressShown = false;
-    logEvent("progress", "closed");
+    if (!mProgressDialog) return;
+    mProgressDialog->close();
+    mProgressDialog.reset();
 }
 
 void DataSourceEngine::progressScanDidComplete()
 {
-    logEvent("progress", "scan-complete");
+    if (mProgressDialog) mProgressDialog->scanDidComplete();
 }
 
 }  // namespace zentary

@@ -8,11 +8,6 @@
 
 namespace zentary {
 
-void UniqueFd::reset(int fd) {
-    if (mFd >= 0) ::close(mFd);
-    mFd = fd;
-}
-
 long long readFully(int fd, void* buffer, std::size_t length) {
     auto* bytes = static_cast<std::uint8_t*>(buffer);
     std::size_t done = 0;

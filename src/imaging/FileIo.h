@@ -5,33 +5,11 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/Files.h"
+
 namespace zentary {
 
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : mFd(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd&& other) noexcept : mFd(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        if (this != &other) reset(other.release());
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    int get() const { return mFd; }
-    bool valid() const { return mFd >= 0; }
-    int release() {
-        const int fd = mFd;
-        mFd = -1;
-        return fd;
-    }
-    void reset(int fd = -1);
-
-private:
-    int mFd = -1;
-};
+using files::UniqueFd;
 
 // Reads up to `length` bytes, retrying short reads and EINTR; returns the
 // count read (less only at end of file) or -1 on error.

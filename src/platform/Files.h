@@ -54,6 +54,7 @@ public:
     }
     void reset(int fd = -1);
     explicit operator bool() const { return mFd >= 0; }
+    bool valid() const { return mFd >= 0; }
 
 private:
     int mFd = -1;

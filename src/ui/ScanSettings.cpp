@@ -8,12 +8,12 @@ namespace zentary {
 
 namespace {
 
-std::optional<CapabilityValue> plistNumbers(plist_t node)
+std::optional<SettingValue> plistNumbers(plist_t node)
 {
     // Two numbers make a resolution; a few more would still compare fine, but
     // a long list is not a value of ours.
     if (!node || plist_get_node_type(node) != PLIST_ARRAY || plist_array_get_size(node) > 4) return std::nullopt;
-    CapabilityValue numbers;
+    SettingValue numbers;
     for (uint32_t i = 0; i < plist_array_get_size(node); ++i) {
         std::optional<std::int64_t> number = plistInteger(plist_array_get_item(node, i));
         if (!number) return std::nullopt;
@@ -75,19 +75,19 @@ bool ScanSettings::capabilitiesChanged()
     auto& store = mCapabilities;
     if (!store.allValidValues || !store.currentValue) return false;
 
-    std::optional<std::vector<CapabilityValue>> validTypes = store.allValidValues(kPixelTypeCapability);
-    std::optional<CapabilityValue> currentType = store.currentValue(kPixelTypeCapability);
+    std::optional<std::vector<SettingValue>> validTypes = store.allValidValues(kPixelTypeCapability);
+    std::optional<SettingValue> currentType = store.currentValue(kPixelTypeCapability);
     if (mImageTypes.empty() || !validTypes || !currentType) return false;
     mImageTypeSelectionValue.clear();
     for (ImageType& type : mImageTypes) {
         type.enabled = type.value && std::find(validTypes->begin(), validTypes->end(),
-                                               CapabilityValue{*type.value}) != validTypes->end();
-        if (type.enabled && CapabilityValue{*type.value} == *currentType) mImageTypeSelectionValue = type.displayName;
+                                               SettingValue{*type.value}) != validTypes->end();
+        if (type.enabled && SettingValue{*type.value} == *currentType) mImageTypeSelectionValue = type.displayName;
     }
     if (mImageTypeSelectionValue.empty()) return false;
 
-    std::optional<std::vector<CapabilityValue>> validResolutions = store.allValidValues(kXResolutionCapability);
-    std::optional<CapabilityValue> currentResolution = store.currentValue(kXResolutionCapability);
+    std::optional<std::vector<SettingValue>> validResolutions = store.allValidValues(kXResolutionCapability);
+    std::optional<SettingValue> currentResolution = store.currentValue(kXResolutionCapability);
     if (mResolutions.empty() || !validResolutions || !currentResolution) return false;
     mResolutionSelectionValue.clear();
     for (const Resolution& resolution : mResolutions) {

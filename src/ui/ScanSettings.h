@@ -28,15 +28,15 @@ inline constexpr const char* kResolutionSelectionValueKey = "resolutionSelection
 inline constexpr std::uint16_t kPixelTypeCapability = 0x0101;    // ICAP_PIXELTYPE
 inline constexpr std::uint16_t kXResolutionCapability = 0x1118;  // ICAP_XRESOLUTION
 
-// A capability value as the store holds it: one number, or the whole part and
-// the fraction of a FIX32.
-using CapabilityValue = std::vector<std::int64_t>;
+// A capability value as the dialog sees it: one number, or the whole part
+// and the fraction of a FIX32.
+using SettingValue = std::vector<std::int64_t>;
 
 // The engine's side of the model: the capability store and the preferences.
 struct ScanSettingsStore {
-    std::function<std::optional<std::vector<CapabilityValue>>(std::uint16_t capability)> allValidValues;
-    std::function<std::optional<CapabilityValue>(std::uint16_t capability)> currentValue;
-    std::function<void(std::uint16_t capability, const CapabilityValue& value)> setCurrentValue;
+    std::function<std::optional<std::vector<SettingValue>>(std::uint16_t capability)> allValidValues;
+    std::function<std::optional<SettingValue>(std::uint16_t capability)> currentValue;
+    std::function<void(std::uint16_t capability, const SettingValue& value)> setCurrentValue;
     std::function<bool(std::int32_t imageType)> setImageTypePreference;
     std::function<bool(std::int16_t resolution)> setResolutionPreference;
 };
@@ -51,7 +51,7 @@ public:
     };
     struct Resolution {
         std::string displayName;
-        std::optional<CapabilityValue> value;
+        std::optional<SettingValue> value;
     };
 
     // Null when the bundle, its settings file or the resolution list is

@@ -18,12 +18,6 @@ extern char** environ;
 
 namespace zentary {
 
-void UniqueFd::reset(int fd)
-{
-    if (mFd >= 0) ::close(mFd);
-    mFd = fd;
-}
-
 namespace {
 
 // How long a helper gets to leave after its socket closed before it is killed.

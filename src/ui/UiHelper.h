@@ -25,31 +25,13 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Files.h"
 #include "platform/RunLoop.h"
 #include "ui/UiProtocol.h"
 
 namespace zentary {
 
-// An owned file descriptor.
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : mFd(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd&& other) noexcept : mFd(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept
-    {
-        if (this != &other) reset(other.release());
-        return *this;
-    }
-    int get() const { return mFd; }
-    int release() { return std::exchange(mFd, -1); }
-    void reset(int fd = -1);
-    explicit operator bool() const { return mFd >= 0; }
-
-private:
-    int mFd = -1;
-};
+using files::UniqueFd;
 
 class UiHelper {
 public:

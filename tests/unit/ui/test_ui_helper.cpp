@@ -25,7 +25,7 @@ struct HelperFixture : ::testing::Test {
     std::unique_ptr<UserInterface> ui;
     std::vector<UiMessage> replies;
     std::int64_t nextId = 1;
-    std::vector<std::pair<std::uint16_t, CapabilityValue>> sets;
+    std::vector<std::pair<std::uint16_t, SettingValue>> sets;
     int scans = 0, closes = 0, stops = 0;
 
     void SetUp() override
@@ -42,14 +42,14 @@ struct HelperFixture : ::testing::Test {
     ScanSettingsStore store()
     {
         ScanSettingsStore s;
-        s.allValidValues = [](std::uint16_t cap) -> std::optional<std::vector<CapabilityValue>> {
-            if (cap == kPixelTypeCapability) return std::vector<CapabilityValue>{{1}, {2}};
-            return std::vector<CapabilityValue>{{150, 0}, {300, 0}, {600, 0}};
+        s.allValidValues = [](std::uint16_t cap) -> std::optional<std::vector<SettingValue>> {
+            if (cap == kPixelTypeCapability) return std::vector<SettingValue>{{1}, {2}};
+            return std::vector<SettingValue>{{150, 0}, {300, 0}, {600, 0}};
         };
-        s.currentValue = [](std::uint16_t cap) -> std::optional<CapabilityValue> {
-            return cap == kPixelTypeCapability ? CapabilityValue{2} : CapabilityValue{300, 0};
+        s.currentValue = [](std::uint16_t cap) -> std::optional<SettingValue> {
+            return cap == kPixelTypeCapability ? SettingValue{2} : SettingValue{300, 0};
         };
-        s.setCurrentValue = [this](std::uint16_t cap, const CapabilityValue& v) { sets.emplace_back(cap, v); };
+        s.setCurrentValue = [this](std::uint16_t cap, const SettingValue& v) { sets.emplace_back(cap, v); };
         return s;
     }
     std::unique_ptr<DataSourceDialog> dialog()
@@ -121,7 +121,7 @@ TEST_F(HelperFixture, DialogShowsTheModelAndSendsTheUsersChoices)
     ask(UiMessage("test.press").set("window", "dialog").set("control", "resolution").set("value", "600 dpi"));
     ask(UiMessage("test.press").set("window", "dialog").set("control", "scan"));
     ASSERT_TRUE(waitFor([&] { return scans == 1; }));
-    using Set = std::pair<std::uint16_t, CapabilityValue>;
+    using Set = std::pair<std::uint16_t, SettingValue>;
     EXPECT_EQ(sets, (std::vector<Set>{{kPixelTypeCapability, {1}}, {kXResolutionCapability, {600, 0}}}));
     EXPECT_EQ(snapshot("dialog", "dialog-gray-600.png")["imageType"].string("text"), "Gray");
 

@@ -50,24 +50,24 @@ std::string resolution(int dpi)
 
 // The capability store and preferences as seen by the model, recording writes.
 struct FakeStore {
-    std::vector<CapabilityValue> validTypes{{1}, {2}};
-    CapabilityValue currentType{2};
-    std::vector<CapabilityValue> validResolutions{{150, 0}, {300, 0}, {600, 0}};
-    CapabilityValue currentResolution{300, 0};
-    std::vector<std::pair<std::uint16_t, CapabilityValue>> sets;
+    std::vector<SettingValue> validTypes{{1}, {2}};
+    SettingValue currentType{2};
+    std::vector<SettingValue> validResolutions{{150, 0}, {300, 0}, {600, 0}};
+    SettingValue currentResolution{300, 0};
+    std::vector<std::pair<std::uint16_t, SettingValue>> sets;
     std::vector<std::int32_t> typePrefs;
     std::vector<std::int16_t> resolutionPrefs;
 
     ScanSettingsStore store()
     {
         ScanSettingsStore s;
-        s.allValidValues = [this](std::uint16_t cap) -> std::optional<std::vector<CapabilityValue>> {
+        s.allValidValues = [this](std::uint16_t cap) -> std::optional<std::vector<SettingValue>> {
             return cap == kPixelTypeCapability ? validTypes : validResolutions;
         };
-        s.currentValue = [this](std::uint16_t cap) -> std::optional<CapabilityValue> {
+        s.currentValue = [this](std::uint16_t cap) -> std::optional<SettingValue> {
             return cap == kPixelTypeCapability ? currentType : currentResolution;
         };
-        s.setCurrentValue = [this](std::uint16_t cap, const CapabilityValue& v) { sets.emplace_back(cap, v); };
+        s.setCurrentValue = [this](std::uint16_t cap, const SettingValue& v) { sets.emplace_back(cap, v); };
         s.setImageTypePreference = [this](std::int32_t v) { typePrefs.push_back(v); return true; };
         s.setResolutionPreference = [this](std::int16_t v) { resolutionPrefs.push_back(v); return true; };
         return s;
@@ -116,7 +116,7 @@ TEST_F(SettingsFixture, ChoicesGoToTheStoreAndThePreferencesOnce)
     settings->setResolutionSelectionValue("600 dpi");
     settings->setResolutionSelectionValue("42 dpi");  // no such entry: text only
 
-    using Set = std::pair<std::uint16_t, CapabilityValue>;
+    using Set = std::pair<std::uint16_t, SettingValue>;
     EXPECT_EQ(store.sets, (std::vector<Set>{{kPixelTypeCapability, {1}},
                                             {kPixelTypeCapability, {2}},
                                             {kXResolutionCapability, {600, 0}}}));
