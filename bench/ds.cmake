@@ -1,0 +1,6 @@
+add_executable(bench_ds_entry ${CMAKE_CURRENT_LIST_DIR}/bench_ds_entry.cpp)
+target_link_libraries(bench_ds_entry PRIVATE zentary_dsm benchmark::benchmark)
+target_include_directories(bench_ds_entry PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+target_compile_definitions(bench_ds_entry PRIVATE ZENTARY_DS_PATH="${ZENTARY_TWAIN_DIR}/ZentaryQ305.ds")
+add_dependencies(bench_ds_entry ZentaryQ305)
+zentary_warnings(bench_ds_entry)
