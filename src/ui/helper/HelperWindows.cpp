@@ -12,6 +12,7 @@
 #include <QPushButton>
 #include <QSocketNotifier>
 #include <QStandardItemModel>
+#include <QTimer>
 #include <QVBoxLayout>
 
 #include <sys/socket.h>
@@ -20,6 +21,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <vector>
 
@@ -97,6 +99,7 @@ std::string describe(const std::string& window, QWidget* widget)
 
 HelperWindows::HelperWindows(int fd, bool testing) : mFd(fd), mTesting(testing)
 {
+    if (const char* dir = std::getenv("ZENTARY_UI_AUTOPILOT")) mAutopilot = QString::fromUtf8(dir);
     mNotifier = new QSocketNotifier(fd, QSocketNotifier::Read);
     QObject::connect(mNotifier, &QSocketNotifier::activated, [this] { readable(); });
 }
@@ -245,7 +248,22 @@ void HelperWindows::showDialog(const UiMessage& message, bool show)
         mDialog->show();
         mDialog->raise();
         mDialog->activateWindow();
+        autopilot(mDialog, "dialog", mScan);
     }
+}
+
+void HelperWindows::autopilot(QWidget* window, const QString& name, QAbstractButton* press)
+{
+    if (mAutopilot.isEmpty() || !window) return;
+    QString path = QString("%1/%2-%3.png").arg(mAutopilot, name).arg(++mShots, 2, 10, QChar('0'));
+    QPointer<QWidget> target(window);
+    QPointer<QAbstractButton> button(press);
+    // A moment later, as a person would: the window has been laid out.
+    QTimer::singleShot(300, [target, button, path] {
+        if (!target || !target->isVisible()) return;
+        target->grab().save(path, "PNG");
+        if (button && button->isEnabled()) button->click();
+    });
 }
 
 void HelperWindows::buildProgress()
@@ -289,6 +307,7 @@ void HelperWindows::showProgress(const UiMessage& message, bool show)
         mProgress->show();
         mProgress->raise();
     }
+    if (show || message.number("progress")) autopilot(mProgress, "progress", nullptr);
 }
 
 void HelperWindows::showAlert(const UiMessage& message)
@@ -321,6 +340,7 @@ void HelperWindows::showAlert(const UiMessage& message)
     if (systemModal) box->setWindowFlag(Qt::WindowStaysOnTopHint);
     mAlerts[id] = box;
     box->show();
+    autopilot(box, systemModal ? "system-alert" : "alert", box->defaultButton());
 }
 
 void HelperWindows::closeAlert(std::int64_t id)

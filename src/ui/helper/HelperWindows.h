@@ -14,6 +14,7 @@
 
 #include "ui/UiProtocol.h"
 
+class QAbstractButton;
 class QComboBox;
 class QLabel;
 class QMessageBox;
@@ -44,9 +45,17 @@ private:
     void buildDialog();
     void buildProgress();
     void chosen(QComboBox* menu, const char* type);
+    // With ZENTARY_UI_AUTOPILOT=<directory>, a stand-in user: each window
+    // shown is grabbed to <directory>/<name>-<n>.png and then answered by
+    // pressing `press` (Scan in the dialog, the default button of an
+    // alert), so that whole acquisitions run with the real windows and leave
+    // pictures of them behind.
+    void autopilot(QWidget* window, const QString& name, QAbstractButton* press);
 
     int mFd;
     bool mTesting;
+    QString mAutopilot;
+    int mShots = 0;
     QSocketNotifier* mNotifier = nullptr;
     UiLineBuffer mLines;
     bool mApplying = false;  // values from the data source, not the user
