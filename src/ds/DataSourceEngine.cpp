@@ -202,7 +202,10 @@ std::unique_ptr<DataSourceEngine> DataSourceEngine::initWithOrigin(const TW_IDEN
         engine->mCapabilities = Capabilities::initWithModel(kModelName, engine->mClientIsReadiris,
                                                             bundle->resourcePath("Capabilities"), &error);
     if (!engine->mCapabilities) {
+        // A broken installation: the user learns that something is wrong,
+        // support learns what from the log line.
         logOpenFailure(error);
+        DSAlerts::displayMessage(1);
         setCode(conditionCode, TWCC_LOWMEMORY);
         return nullptr;
     }

@@ -156,8 +156,10 @@ TEST_F(DataSourceTest, OpenWithoutCapabilityDefinitionsFailsForLowMemory)
     EXPECT_EQ(source->open(), TWRC_FAILURE);
     EXPECT_EQ(source->conditionCode(), TWCC_LOWMEMORY);
     auto log = uiLog();
-    ASSERT_FALSE(log.empty());
-    EXPECT_NE(log.back().find("open-failed"), std::string::npos) << log.back();
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_NE(log[0].find("open-failed"), std::string::npos) << log[0];
+    EXPECT_NE(log[0].find("Capabilities"), std::string::npos) << log[0];
+    EXPECT_NE(log[1].find("\"row\":1"), std::string::npos) << log[1];
 }
 
 TEST_F(DataSourceTest, UnloadingAnOpenSourceStopsItsThreads)
