@@ -20,9 +20,12 @@ TW_UINT16 entry(TW_IDENTITY* origin, TW_UINT32 group, TW_UINT16 type, TW_UINT16 
     }
     DataSourceThreads& threads = DataSourceThreads::instance();
     std::shared_ptr<LoopThread> loop = threads.acquireLoop();
-    TW_UINT16 rc = callOn(loop->loop(), [&] {
-        return DataSourceEngine::processOperationTriplet(origin, group, type, message, data);
-    });
+    // Outermost: a triplet never starts while the engine is in the middle
+    // of another operation that waits for the scan thread.
+    TW_UINT16 rc = callOn(
+        loop->loop(),
+        [&] { return DataSourceEngine::processOperationTriplet(origin, group, type, message, data); },
+        RunLoop::Nesting::Outermost);
     threads.releaseLoopIfIdle(loop);
     return rc;
 }

@@ -59,10 +59,13 @@ RunLoop::TimerId DataSourceEngine::schedule(std::chrono::milliseconds delay, std
     // outside any loop (a unit test) has no timers.
     if (!mLoop) return 0;
     auto id = std::make_shared<RunLoop::TimerId>(0);
-    *id = mLoop->schedule(delay, [this, id, task = std::move(task)] {
-        mTimers.erase(*id);
-        task();
-    });
+    *id = mLoop->schedule(
+        delay,
+        [this, id, task = std::move(task)] {
+            mTimers.erase(*id);
+            task();
+        },
+        std::chrono::milliseconds::zero(), RunLoop::Nesting::Outermost);
     mTimers.insert(*id);
     return *id;
 }

@@ -2,6 +2,7 @@
 
 #include "ds/DataSourceEngine.h"
 #include "platform/NotificationCenter.h"
+#include "twain/Manager.h"
 
 namespace zentary {
 
@@ -17,9 +18,11 @@ DataSourceThreads& DataSourceThreads::instance()
 DataSourceThreads::DataSourceThreads()
 {
     // Statics are destroyed in the reverse order of their construction:
-    // touching the notification centre here makes it outlive us, and with it
-    // the engine that we destroy on unloading.
+    // touching the notification centre and the manager link here makes them
+    // outlive us, and so the engine and the messenger that we stop on
+    // unloading.
     NotificationCenter::defaultCenter();
+    Manager::hasEntryPoint();
 }
 
 std::shared_ptr<LoopThread> DataSourceThreads::acquireLoop()

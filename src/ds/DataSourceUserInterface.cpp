@@ -84,7 +84,11 @@ void DataSourceEngine::showDialog()
     };
     store.setImageTypePreference = &DSPreferences::setImageTypePreference;
     store.setResolutionPreference = &DSPreferences::setResolutionPreference;
-    DataSourceDialogEngine actions{[this] { startScanning(std::nullopt); }, [this] { requestClose(); }};
+    // What the user does runs as the engine's own next step, never nested
+    // inside an operation that is waiting.
+    DataSourceDialogEngine actions{
+        [this] { schedule(std::chrono::milliseconds::zero(), [this] { startScanning(std::nullopt); }); },
+        [this] { schedule(std::chrono::milliseconds::zero(), [this] { requestClose(); }); }};
     mDialog = DataSourceDialog::initWithDataSourceEngine(*mUi, std::move(actions), mUiBundle.get(), std::move(store));
 }
 
@@ -97,7 +101,8 @@ void DataSourceEngine::showProgress()
 {
     if (!mUi || mProgressDialog) return;
     ScanDevice* scanner = mScanner.get();
-    ScanProgressEngine actions{[scanner] { return scanner->scanProgress(); }, [this] { stopScanning(); }};
+    ScanProgressEngine actions{[scanner] { return scanner->scanProgress(); },
+                               [this] { schedule(std::chrono::milliseconds::zero(), [this] { stopScanning(); }); }};
     mProgressDialog = ScanProgressDialog::initWithDataSourceEngine(*mUi, std::move(actions), mUiBundle.get());
 }
 

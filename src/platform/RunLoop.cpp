@@ -8,25 +8,26 @@ namespace {
 thread_local RunLoop* tCurrent = nullptr;
 }
 
-bool RunLoop::post(Task task)
+bool RunLoop::post(Task task, Nesting nesting)
 {
     {
         std::lock_guard<std::mutex> guard(mMutex);
         if (mStopped) return false;
-        mTasks.push_back(std::move(task));
+        mTasks.push_back({std::move(task), nesting});
     }
     mWake.notify_all();
     return true;
 }
 
-RunLoop::TimerId RunLoop::schedule(std::chrono::milliseconds delay, Task task, std::chrono::milliseconds repeat)
+RunLoop::TimerId RunLoop::schedule(std::chrono::milliseconds delay, Task task, std::chrono::milliseconds repeat,
+                                   Nesting nesting)
 {
     TimerId id;
     {
         std::lock_guard<std::mutex> guard(mMutex);
         id = mNextTimer++;
         if (mStopped) return id;
-        mTimers.emplace(id, Timer{Clock::now() + delay, repeat, std::make_shared<Task>(std::move(task))});
+        mTimers.emplace(id, Timer{Clock::now() + delay, repeat, std::make_shared<Task>(std::move(task)), nesting});
     }
     mWake.notify_all();
     return id;
@@ -42,15 +43,16 @@ std::optional<RunLoop::Clock::time_point> RunLoop::nextDue() const
 {
     std::optional<Clock::time_point> due;
     for (const auto& [id, timer] : mTimers)
-        if (!due || timer.due < *due) due = timer.due;
+        if (runnable(timer.nesting) && (!due || timer.due < *due)) due = timer.due;
     return due;
 }
 
 bool RunLoop::runOne(std::unique_lock<std::mutex>& lock)
 {
-    if (!mTasks.empty()) {
-        Task task = std::move(mTasks.front());
-        mTasks.pop_front();
+    for (auto it = mTasks.begin(); it != mTasks.end(); ++it) {
+        if (!runnable(it->nesting)) continue;
+        Task task = std::move(it->task);
+        mTasks.erase(it);
         lock.unlock();
         task();
         lock.lock();
@@ -60,7 +62,9 @@ bool RunLoop::runOne(std::unique_lock<std::mutex>& lock)
     auto now = Clock::now();
     auto next = mTimers.end();
     for (auto it = mTimers.begin(); it != mTimers.end(); ++it)
-        if (it->second.due <= now && (next == mTimers.end() || it->second.due < next->second.due)) next = it;
+        if (it->second.due <= now && runnable(it->second.nesting) &&
+            (next == mTimers.end() || it->second.due < next->second.due))
+            next = it;
     if (next == mTimers.end()) return false;
     std::shared_ptr<Task> task = next->second.task;
     if (next->second.repeat.count() > 0)
@@ -78,6 +82,7 @@ bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point dead
     RunLoop* previous = tCurrent;
     tCurrent = this;
     std::unique_lock<std::mutex> lock(mMutex);
+    ++mDepth;
     bool finished = false;
     for (;;) {
         lock.unlock();
@@ -93,6 +98,7 @@ bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point dead
         else
             mWake.wait_until(lock, wakeAt);
     }
+    --mDepth;
     tCurrent = previous;
     return finished;
 }

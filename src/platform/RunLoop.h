@@ -31,6 +31,15 @@ public:
     using Clock = std::chrono::steady_clock;
     using TimerId = std::uint64_t;
 
+    // Where a task may run. A thread that waits in callOn keeps its loop
+    // running, nested inside whatever task is waiting; most tasks may run
+    // there (that is what keeps two loops calling each other from
+    // deadlocking), but some must not start while another of their kind is
+    // half done: the client's triplets and the engine's timers, for example,
+    // which could close the very session whose call is waiting. Those are
+    // Outermost: they run only when the loop is not nested.
+    enum class Nesting { Anywhere, Outermost };
+
     RunLoop() = default;
     ~RunLoop() = default;
     RunLoop(const RunLoop&) = delete;
@@ -38,12 +47,13 @@ public:
 
     // Queues a task; safe from any thread. Returns false, dropping the task,
     // once stop() was called: nobody would ever run it.
-    bool post(Task task);
+    bool post(Task task, Nesting nesting = Nesting::Anywhere);
 
     // Runs `task` after `delay`, and again every `repeat` when that is not
     // zero. Returns an id for cancel(); ids are never reused.
     TimerId schedule(std::chrono::milliseconds delay, Task task,
-                     std::chrono::milliseconds repeat = std::chrono::milliseconds::zero());
+                     std::chrono::milliseconds repeat = std::chrono::milliseconds::zero(),
+                     Nesting nesting = Nesting::Anywhere);
     // Cancels a timer. Returns false when it already fired (one-shot) or was
     // cancelled. A timer cancelled from another thread while its task runs
     // finishes that run.
@@ -70,14 +80,21 @@ private:
         Clock::time_point due;
         std::chrono::milliseconds repeat;
         std::shared_ptr<Task> task;
+        Nesting nesting;
     };
+    struct Queued {
+        Task task;
+        Nesting nesting;
+    };
+    bool runnable(Nesting nesting) const { return nesting == Nesting::Anywhere || mDepth <= 1; }
     // Runs at most one due item; returns false when there was nothing to do.
     bool runOne(std::unique_lock<std::mutex>& lock);
     std::optional<Clock::time_point> nextDue() const;
 
     mutable std::mutex mMutex;
     std::condition_variable mWake;
-    std::deque<Task> mTasks;
+    std::deque<Queued> mTasks;
+    int mDepth = 0;  // nesting of runUntil on the thread running this loop
     std::map<TimerId, Timer> mTimers;
     TimerId mNextTimer = 1;
     bool mStopped = false;
@@ -109,7 +126,8 @@ struct LoopStopped : std::exception {
 // own loop (if it runs one) keeps serving calls that come the other way.
 // An exception thrown by `fn` is rethrown in the caller.
 template <typename Fn>
-auto callOn(RunLoop& target, Fn&& fn) -> std::invoke_result_t<Fn&>
+auto callOn(RunLoop& target, Fn&& fn, RunLoop::Nesting nesting = RunLoop::Nesting::Anywhere)
+    -> std::invoke_result_t<Fn&>
 {
     using R = std::invoke_result_t<Fn&>;
     if (target.isCurrent()) return fn();
@@ -136,7 +154,7 @@ auto callOn(RunLoop& target, Fn&& fn) -> std::invoke_result_t<Fn&>
         }
         shared->cv.notify_all();
         if (own) own->post([] {});  // wake the waiting loop
-    });
+    }, nesting);
     if (!queued) throw LoopStopped();
     if (own) {
         own->runUntil(

@@ -24,8 +24,10 @@ struct State {
 
 State& state()
 {
-    static State* s = new State;  // never destroyed: handles may outlive static destruction
-    return *s;
+    // Destroyed when the library unloads; the handles the client holds are
+    // its own memory by then and need none of it.
+    static State s;
+    return s;
 }
 
 }  // namespace

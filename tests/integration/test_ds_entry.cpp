@@ -72,16 +72,16 @@ TEST_F(DataSourceTest, IdentityIsTheSameBeforeOpenWhileOpenAndAfterReload)
     EXPECT_STREQ(first.Manufacturer, "Tarvell Co.");
     EXPECT_STREQ(first.ProductFamily, "Tarvell Zentary");
     EXPECT_STREQ(first.ProductName, "Tarvell Zentary Q305 MFP");
-    EXPECT_EQ(first.Id, 0u);
-    EXPECT_EQ(first.ProtocolMajor, 1);
-    EXPECT_EQ(first.ProtocolMinor, 9);
+    EXPECT_EQ(test::value(first.Id), 0u);
+    EXPECT_EQ(test::value(first.ProtocolMajor), 1);
+    EXPECT_EQ(test::value(first.ProtocolMinor), 9);
     EXPECT_EQ(first.SupportedGroups & 0xFFFF, DG_CONTROL | DG_IMAGE);
     EXPECT_TRUE(first.SupportedGroups & DF_DS2);
-    EXPECT_EQ(first.Version.Language, TWLG_USA);
-    EXPECT_EQ(first.Version.Country, TWCY_USA);
+    EXPECT_EQ(test::value(first.Version.Language), TWLG_USA);
+    EXPECT_EQ(test::value(first.Version.Country), TWCY_USA);
     // The build's bundle says 1.0.0, build 1.
-    EXPECT_EQ(first.Version.MajorNum, 1);
-    EXPECT_EQ(first.Version.MinorNum, 0);
+    EXPECT_EQ(test::value(first.Version.MajorNum), 1);
+    EXPECT_EQ(test::value(first.Version.MinorNum), 0);
     EXPECT_STREQ(first.Version.Info, "1.0.0 (1)");
 }
 

@@ -49,9 +49,9 @@ TEST_F(FileSetupTest, TheDefaultTargetIsInTheTemporaryFolder)
     for (TW_UINT16 message : {MSG_GET, MSG_GETDEFAULT}) {
         ASSERT_EQ(call2(message), TWRC_SUCCESS);
         EXPECT_EQ(std::string(mName), path("ZentaryScan.tmp"));
-        EXPECT_EQ(mRecord.Format, TWFF_TIFF);
-        EXPECT_EQ(mRecord.VRefNum, 0);
-        EXPECT_EQ(mRecord.ParID, 0u);
+        EXPECT_EQ(test::value(mRecord.Format), TWFF_TIFF);
+        EXPECT_EQ(test::value(mRecord.VRefNum), 0);
+        EXPECT_EQ(test::value(mRecord.ParID), 0u);
         TW_SETUPFILEXFER shortForm{};
         ASSERT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, message, &shortForm), TWRC_SUCCESS);
         EXPECT_EQ(std::string(shortForm.FileName), path("ZentaryScan.tmp"));
@@ -85,7 +85,7 @@ TEST_F(FileSetupTest, SettingATargetCreatesOrEmptiesIt)
         EXPECT_EQ(mSource->conditionCode(), c.code) << c.what;
         ASSERT_EQ(call2(MSG_GET), TWRC_SUCCESS) << c.what;
         EXPECT_EQ(std::string(mName), c.reported) << c.what;
-        EXPECT_EQ(mRecord.Format, c.reportedFormat) << c.what;
+        EXPECT_EQ(test::value(mRecord.Format), c.reportedFormat) << c.what;
     }
     EXPECT_EQ(std::filesystem::file_size(path("new.tif")), 0u);
     EXPECT_EQ(std::filesystem::file_size(path("full.tif")), 0u);

@@ -96,9 +96,9 @@ TEST_F(ScanCycleTest, EveryClientReachesAReadyTransferAndComesBack)
         // colour pixels, 3825 bytes, padded by its remainder to 3826.
         TW_SETUPMEMXFER sizes{};
         ASSERT_EQ(source->call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes), TWRC_SUCCESS);
-        EXPECT_EQ(sizes.MinBufSize, 3826u);
+        EXPECT_EQ(test::value(sizes.MinBufSize), 3826u);
         EXPECT_EQ(sizes.MaxBufSize % 3826u, 0u);
-        EXPECT_EQ(sizes.Preferred, sizes.MaxBufSize);
+        EXPECT_EQ(test::value(sizes.Preferred), test::value(sizes.MaxBufSize));
         EXPECT_EQ(test::disable(*source), TWRC_FAILURE);  // the transfer must end first
 
         EXPECT_EQ(test::pending(*source, MSG_ENDXFER, &count), TWRC_SUCCESS);
@@ -137,7 +137,7 @@ TEST_F(ScanCycleTest, EnabledSourceGatesTripletsByState)
     ASSERT_TRUE(source);
     TW_USERINTERFACE ui{1, 1, nullptr};
     ASSERT_EQ(source->call(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, &ui), TWRC_SUCCESS);
-    EXPECT_EQ(ui.ModalUI, 0) << "the dialog is modeless";
+    EXPECT_EQ(test::value(ui.ModalUI), 0) << "the dialog is modeless";
     // Cancel in the dialog asks the client to close.
     EXPECT_EQ(source->waitForMessage(kScanTimeout), std::optional<TW_UINT16>(MSG_CLOSEDSREQ));
 
@@ -159,7 +159,7 @@ TEST_F(ScanCycleTest, EnabledSourceGatesTripletsByState)
          [&] {
              TW_EVENT event{nullptr, 0x1234};
              TW_UINT16 rc = source->call(DG_CONTROL, DAT_EVENT, MSG_PROCESSEVENT, &event);
-             EXPECT_EQ(event.TWMessage, MSG_NULL);
+             EXPECT_EQ(test::value(event.TWMessage), MSG_NULL);
              return rc;
          }},
         {"parent", TWRC_FAILURE, TWCC_BADPROTOCOL,
@@ -168,8 +168,8 @@ TEST_F(ScanCycleTest, EnabledSourceGatesTripletsByState)
          [&] {
              TW_SETUPMEMXFER sizes{};
              TW_UINT16 rc = source->call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes);
-             EXPECT_EQ(sizes.MinBufSize, 32768u);
-             EXPECT_EQ(sizes.MaxBufSize, 0xFFFFFFFFu);
+             EXPECT_EQ(test::value(sizes.MinBufSize), 32768u);
+             EXPECT_EQ(test::value(sizes.MaxBufSize), 0xFFFFFFFFu);
              return rc;
          }},
         {"memory sizes without data", TWRC_FAILURE, TWCC_BADVALUE,

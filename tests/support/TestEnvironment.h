@@ -12,6 +12,14 @@
 
 namespace zentary::test {
 
+// A copy of a value, for fields of the 2-byte-packed TWAIN structures: the
+// test macros take references, which such fields cannot give.
+template <typename T>
+T value(T field)
+{
+    return field;
+}
+
 // A fresh directory under the temporary folder, removed with its contents.
 class ScratchDir {
 public:

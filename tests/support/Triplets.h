@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "DataSourceManager.h"
+#include "support/TestEnvironment.h"
 #include "twain/twain.h"
 
 namespace zentary::test {
@@ -40,7 +41,7 @@ inline std::optional<TW_UINT32> currentOneValue(DataSourceManager& source, TW_UI
         return std::nullopt;
     std::optional<TW_UINT32> item;
     if (capability.ConType == twain::TWON_ONEVALUE && capability.hContainer)
-        item = static_cast<TW_ONEVALUE*>(capability.hContainer)->Item;
+        item = test::value(static_cast<TW_ONEVALUE*>(capability.hContainer)->Item);
     std::free(capability.hContainer);  // the manager's allocator is calloc
     return item;
 }

@@ -63,7 +63,7 @@ TEST_F(EngineTest, RecognisesImageCaptureAndReadirisByPrefix)
         EXPECT_EQ(engine->clientIsImageCapture(), c.imageCapture) << c.manufacturer << "/" << c.product;
         EXPECT_EQ(engine->clientIsReadiris(), c.readiris) << c.manufacturer << "/" << c.product;
         EXPECT_EQ(engine->twainState(), 4);
-        EXPECT_EQ(engine->source().Id, 7u);
+        EXPECT_EQ(test::value(engine->source().Id), 7u);
     }
 }
 
@@ -101,19 +101,19 @@ TEST_F(EngineTest, OpensWithTheWholeGlassAndTheDefaultTransferFile)
     auto engine = open("GIMP", "gimp");
     ASSERT_TRUE(engine);
     const TW_FRAME& frame = engine->imageLayout().Frame;
-    EXPECT_EQ(frame.Left.Whole, 0);
-    EXPECT_EQ(frame.Top.Whole, 0);
-    EXPECT_EQ(frame.Right.Whole, 8);  // 8.5 x 11.7 inches
-    EXPECT_EQ(frame.Right.Frac, 0x8000);
-    EXPECT_EQ(frame.Bottom.Whole, 11);
-    EXPECT_EQ(engine->imageLayout().FrameNumber, 1u);
+    EXPECT_EQ(test::value(frame.Left.Whole), 0);
+    EXPECT_EQ(test::value(frame.Top.Whole), 0);
+    EXPECT_EQ(test::value(frame.Right.Whole), 8);  // 8.5 x 11.7 inches
+    EXPECT_EQ(test::value(frame.Right.Frac), 0x8000);
+    EXPECT_EQ(test::value(frame.Bottom.Whole), 11);
+    EXPECT_EQ(test::value(engine->imageLayout().FrameNumber), 1u);
     for (const TW_SETUPFILEXFER2* file : {&engine->file(), &engine->defaultFile()}) {
         EXPECT_STREQ(static_cast<const char*>(file->FileName),
                      (mScratch.path() / "ZentaryScan.tmp").string().c_str());
-        EXPECT_EQ(file->FileNameType, TWTY_STR1024);
-        EXPECT_EQ(file->Format, TWFF_TIFF);
+        EXPECT_EQ(test::value(file->FileNameType), TWTY_STR1024);
+        EXPECT_EQ(test::value(file->Format), TWFF_TIFF);
     }
-    EXPECT_NE(engine->file().FileName, engine->defaultFile().FileName);
+    EXPECT_NE(test::value(engine->file().FileName), test::value(engine->defaultFile().FileName));
 }
 
 TEST_F(EngineTest, OnlyOneEngineExistsAtATime)
@@ -163,11 +163,11 @@ TEST(Identity, VersionComesFromTheBundleAndFitsItsField)
         TW_IDENTITY identity;
         std::memset(&identity, 0xAB, sizeof(identity));
         fillIdentity(identity);
-        EXPECT_EQ(identity.Version.MajorNum, c.major) << c.entries;
-        EXPECT_EQ(identity.Version.MinorNum, c.minor) << c.entries;
+        EXPECT_EQ(test::value(identity.Version.MajorNum), c.major) << c.entries;
+        EXPECT_EQ(test::value(identity.Version.MinorNum), c.minor) << c.entries;
         EXPECT_STREQ(identity.Version.Info, c.info) << c.entries;
         EXPECT_EQ(identity.Version.Info[33], '\0');
-        EXPECT_EQ(identity.Id, 0u);
+        EXPECT_EQ(test::value(identity.Id), 0u);
     }
 }
 

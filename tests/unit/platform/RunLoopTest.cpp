@@ -1,6 +1,7 @@
 #include <atomic>
 #include <future>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -165,6 +166,31 @@ TEST(RunLoop, CallOnWaitsEvenWhenTheCallersLoopStops)
         release.set_value();
     }
     EXPECT_TRUE(ranWhenReturned.get_future().get());
+}
+
+// While a task waits in callOn, its loop serves calls coming back (or the two
+// threads would deadlock) but starts no Outermost task or timer: those wait
+// until the waiting task is done, so they never see it half finished.
+TEST(RunLoop, OutermostWorkWaitsForTheWaitingTaskToFinish)
+{
+    LoopThread engine("engine"), scan("scan");
+    std::vector<std::string> order;  // touched on the engine thread only
+    std::promise<void> finished;
+    engine.loop().post([&] {
+        order.push_back("begin");
+        engine.loop().post([&] { order.push_back("outermost task"); }, RunLoop::Nesting::Outermost);
+        engine.loop().schedule(0ms, [&] { order.push_back("outermost timer"); }, 0ms, RunLoop::Nesting::Outermost);
+        callOn(scan.loop(), [&] {
+            // The scan thread calls back while the engine waits for it.
+            callOn(engine.loop(), [&] { order.push_back("call back"); });
+            std::this_thread::sleep_for(20ms);
+        });
+        order.push_back("end");
+    });
+    engine.loop().schedule(
+        100ms, [&] { finished.set_value(); }, 0ms, RunLoop::Nesting::Outermost);
+    ASSERT_EQ(finished.get_future().wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(order, (std::vector<std::string>{"begin", "call back", "end", "outermost task", "outermost timer"}));
 }
 
 }  // namespace
