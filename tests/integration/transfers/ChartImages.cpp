@@ -171,16 +171,23 @@ std::optional<Picture> decodePict(const std::filesystem::path& file, bool withFi
         writeBytes(source, bytes.data(), bytes.size());
     }
     // Picture header: size, frame, version opcodes, then the extended
-    // version 2 header whose resolutions are 16.16 fixed point.
-    if (bytes.size() < 512 + 28 || bytes[512 + 10] != 0x00 || bytes[512 + 11] != 0x11) return std::nullopt;
+    // version 2 header whose resolutions are 16.16 fixed point, the clip
+    // region, and the first bit-map record, which tells gray from colour.
+    const std::size_t at = 512;
+    if (bytes.size() < at + 48 || big32(bytes, at + 10) != 0x001102FF || bytes[at + 40] != 0 || bytes[at + 41] != 1)
+        return std::nullopt;
+    std::size_t record = at + 42 + (std::size_t(bytes[at + 42]) << 8 | bytes[at + 43]);
+    if (bytes.size() < record + 2 || bytes[record] != 0) return std::nullopt;
+    std::uint32_t channels = bytes[record + 1] == 0x9A ? 3 : bytes[record + 1] == 0x98 ? 1 : 0;
+    if (channels == 0) return std::nullopt;
     std::filesystem::path pnm = file;
-    pnm += ".pnm";
-    std::string command = "convert 'pict:" + source.string() + "' -depth 8 'pnm:" + pnm.string() + "' 2>&1";
+    pnm += channels == 3 ? ".ppm" : ".pgm";
+    std::string command = "convert 'pict:" + source.string() + "' -depth 8 '" + pnm.string() + "' 2>&1";
     if (std::system(command.c_str()) != 0) return std::nullopt;
     std::optional<Picture> picture = parsePnm(readAll(pnm));
     if (picture) {
-        picture->xDpi = big32(bytes, 512 + 20) / 65536.0;
-        picture->yDpi = big32(bytes, 512 + 24) / 65536.0;
+        picture->xDpi = big32(bytes, at + 20) / 65536.0;
+        picture->yDpi = big32(bytes, at + 24) / 65536.0;
     }
     return picture;
 }

@@ -127,7 +127,8 @@ protected:
 
     // The whole image by memory strips of `length` bytes, each checked for
     // its geometry; the rows are put together without their padding.
-    Picture memoryTransfer(const TW_IMAGEINFO& info, TW_UINT32 length, bool handle)
+    Picture memoryTransfer(const TW_IMAGEINFO& info, TW_UINT32 length, bool handle,
+                           const std::function<void()>& afterFirstStrip = {})
     {
         std::uint32_t channels = info.PixelType == TWPT_RGB ? 3 : 1;
         auto width = std::uint32_t(info.ImageWidth), height = std::uint32_t(info.ImageLength);
@@ -158,6 +159,7 @@ protected:
                 picture.pixels.insert(picture.pixels.end(), data, data + dataBytes);
                 for (std::size_t p = dataBytes; p < bytesPerRow; ++p) EXPECT_EQ(data[p], 0) << "padding, row " << r;
             }
+            if (row == 0 && afterFirstStrip) afterFirstStrip();
             row += strip.Rows;
             EXPECT_EQ(rc == TWRC_XFERDONE, row == height) << "row " << row;
             if (rc == TWRC_XFERDONE || row >= height) return picture;
