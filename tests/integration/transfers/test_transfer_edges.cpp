@@ -31,6 +31,17 @@ protected:
                             std::uint32_t(info.ImageWidth), std::uint32_t(info.ImageLength),
                             info.PixelType == TWPT_RGB ? 3 : 1);
     }
+    // The glass as the capability holds it (copied out of the packed record).
+    TW_FIX32 physical(TW_UINT16 cap)
+    {
+        TW_CAPABILITY capability{cap, 0, nullptr};
+        EXPECT_EQ(mSource->call(DG_CONTROL, DAT_CAPABILITY, MSG_GETCURRENT, &capability), TWRC_SUCCESS);
+        TW_FIX32 value{};
+        if (capability.ConType == TWON_ONEVALUE && capability.hContainer)
+            std::memcpy(&value, static_cast<char*>(capability.hContainer) + offsetof(TW_ONEVALUE, Item), sizeof value);
+        std::free(capability.hContainer);
+        return value;
+    }
     std::vector<std::string> leftovers() const
     {
         std::vector<std::string> names;
@@ -68,9 +79,9 @@ TEST_F(TransferEdgeTest, MemoryStripsCarryWholePaddedRowsWithinTheAnnouncedBuffe
         ASSERT_EQ(std::uint32_t(info.ImageWidth), c.width);
         TW_SETUPMEMXFER sizes{};
         ASSERT_EQ(mSource->call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes), TWRC_SUCCESS);
-        EXPECT_EQ(sizes.MinBufSize, c.bytesPerRow);
-        EXPECT_EQ(sizes.MaxBufSize, c.bytesPerRow * std::uint32_t(info.ImageLength));
-        EXPECT_EQ(sizes.Preferred, sizes.MaxBufSize);
+        EXPECT_EQ(TW_UINT32(sizes.MinBufSize), c.bytesPerRow);
+        EXPECT_EQ(TW_UINT32(sizes.MaxBufSize), c.bytesPerRow * std::uint32_t(info.ImageLength));
+        EXPECT_EQ(TW_UINT32(sizes.Preferred), TW_UINT32(sizes.MaxBufSize));
 
         std::vector<std::uint8_t> buffer(sizes.MaxBufSize + 1);
         TW_IMAGEMEMXFER strip{};
@@ -107,13 +118,7 @@ TEST_F(TransferEdgeTest, TheFrameIsKeptOnTheGlass)
     for (bool imageCapture : {false, true}) {
         SCOPED_TRACE(imageCapture ? "Image Capture" : "other client");
         ASSERT_NO_FATAL_FAILURE(open(imageCapture));
-        TW_FIX32 width{}, height{};
-        std::optional<TW_UINT32> item = currentOneValue(*mSource, ICAP_PHYSICALWIDTH);
-        ASSERT_TRUE(item);
-        std::memcpy(&width, &*item, sizeof(width));
-        item = currentOneValue(*mSource, ICAP_PHYSICALHEIGHT);
-        ASSERT_TRUE(item);
-        std::memcpy(&height, &*item, sizeof(height));
+        TW_FIX32 width = physical(ICAP_PHYSICALWIDTH), height = physical(ICAP_PHYSICALHEIGHT);
         const TW_UINT16 adjusted = imageCapture ? TWRC_SUCCESS : TWRC_CHECKSTATUS;
         const TW_FIX32 zero{0, 0}, half{0, 0x8000}, one{1, 0}, two{2, 0}, three{3, 0}, nine{9, 0};
         struct Case {
@@ -152,9 +157,9 @@ TEST_F(TransferEdgeTest, TheFrameIsKeptOnTheGlass)
         // Numbers the client does not care about stay as they were.
         layout(MSG_SET, {{zero, zero, one, one}, 0xFFFFFFFF, 8, 0xFFFFFFFF}, TWRC_SUCCESS);
         TW_IMAGELAYOUT numbers = layout(MSG_GET, {}, TWRC_SUCCESS);
-        EXPECT_EQ(numbers.DocumentNumber, 4u);
-        EXPECT_EQ(numbers.PageNumber, 8u);
-        EXPECT_EQ(numbers.FrameNumber, 6u);
+        EXPECT_EQ(TW_UINT32(numbers.DocumentNumber), 4u);
+        EXPECT_EQ(TW_UINT32(numbers.PageNumber), 8u);
+        EXPECT_EQ(TW_UINT32(numbers.FrameNumber), 6u);
         // Reset and default give the whole glass as the capabilities hold it.
         for (TW_UINT16 message : {MSG_GETDEFAULT, MSG_RESET, MSG_GET}) {
             TW_IMAGELAYOUT whole = layout(message, {}, TWRC_SUCCESS);
