@@ -138,7 +138,7 @@ void BM_Jpeg_Ours(benchmark::State& state) {
 
 void BM_Jpeg_Cjpeg(benchmark::State& state) {
     Page& p = page();
-    run(state, "cjpeg -quality " + std::to_string(kDefaultJpegQuality) + " -outfile " + p.out("cjpeg.jpg") + " " + p.ppm);
+    run(state, "cjpeg -quality " + std::to_string(kDefaultJpegQuality) + " -sample 1x1 -outfile " + p.out("cjpeg.jpg") + " " + p.ppm);
 }
 
 void BM_Pict_Ours(benchmark::State& state) {

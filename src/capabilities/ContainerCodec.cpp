@@ -98,6 +98,7 @@ public:
     TW_HANDLE release()
     {
         Manager::unlock(mHandle);
+        Manager::handOver(mHandle);
         mData = nullptr;
         return std::exchange(mHandle, nullptr);
     }

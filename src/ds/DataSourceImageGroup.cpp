@@ -73,6 +73,7 @@ TW_HANDLE handleWithBytes(const std::vector<std::uint8_t>& bytes)
     }
     std::memcpy(memory, bytes.data(), bytes.size());
     Manager::unlock(handle);
+    Manager::handOver(handle);
     return handle;
 }
 

@@ -70,7 +70,9 @@ class TemporaryFile {
 public:
     explicit TemporaryFile(const std::filesystem::path& target)
     {
-        std::string pattern = (target.parent_path() / ("." + target.filename().string() + ".XXXXXX")).string();
+        std::string pattern = (target.parent_path() / ".").string();
+        pattern += target.filename().string();
+        pattern += ".XXXXXX";
         mFd = files::UniqueFd(::mkostemp(pattern.data(), O_CLOEXEC));
         if (mFd) mPath = pattern;
     }

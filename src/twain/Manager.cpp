@@ -88,13 +88,14 @@ void Manager::free(TW_HANDLE handle)
     auto& s = state();
     std::lock_guard<std::mutex> guard(s.mutex);
     auto it = s.blocks.find(handle);
-    // A handle we did not make came from the manager (the client's own).
-    bool fromManager = it == s.blocks.end() || it->second.fromManager;
+    // A handle we no longer know was the manager's when there is a manager,
+    // else it came from the C allocator like ours.
+    bool fromManager = it != s.blocks.end() ? it->second.fromManager : s.hasEntry && s.entry.DSM_MemFree;
     if (it != s.blocks.end()) s.blocks.erase(it);
-    if (!fromManager)
-        std::free(handle);
-    else if (s.hasEntry && s.entry.DSM_MemFree)
+    if (fromManager)
         s.entry.DSM_MemFree(handle);
+    else
+        std::free(handle);
 }
 
 TW_MEMREF Manager::lock(TW_HANDLE handle)
@@ -112,6 +113,13 @@ void Manager::unlock(TW_HANDLE handle)
     auto& s = state();
     std::lock_guard<std::mutex> guard(s.mutex);
     if (s.hasEntry && s.entry.DSM_MemUnlock) s.entry.DSM_MemUnlock(handle);
+}
+
+void Manager::handOver(TW_HANDLE handle)
+{
+    auto& s = state();
+    std::lock_guard<std::mutex> guard(s.mutex);
+    s.blocks.erase(handle);
 }
 
 std::optional<std::size_t> Manager::size(TW_HANDLE handle)

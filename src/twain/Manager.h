@@ -37,6 +37,10 @@ public:
     // The allocated size of a handle we made, or nothing for a handle the
     // client made itself (its size cannot be known).
     static std::optional<std::size_t> size(TW_HANDLE handle);
+    // The handle now belongs to the client, who frees it as it likes: we
+    // forget its size, so that a later handle at the same address is not
+    // taken for this one.
+    static void handOver(TW_HANDLE handle);
 };
 
 }  // namespace zentary

@@ -169,7 +169,10 @@ TEST_F(TransferEdgeTest, TheFrameIsKeptOnTheGlass)
             EXPECT_EQ(whole.DocumentNumber + whole.PageNumber + whole.FrameNumber, 3u) << message;
         }
         // Enabled, the frame may be read but not changed.
+        // (The window mode is read when the source opens.)
         ScopedEnv cancel("ZENTARY_UI", "headless-cancel");
+        ASSERT_EQ(mSource->close(), TWRC_SUCCESS);
+        ASSERT_EQ(mSource->open(), TWRC_SUCCESS);
         ASSERT_EQ(enable(*mSource, true), TWRC_SUCCESS);
         ASSERT_EQ(mSource->waitForMessage(20s), std::optional<TW_UINT16>(MSG_CLOSEDSREQ));
         layout(MSG_GETDEFAULT, {}, TWRC_SUCCESS);

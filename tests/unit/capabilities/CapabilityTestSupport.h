@@ -7,6 +7,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,49 @@
 #include "twain/Manager.h"
 
 namespace zentary::test {
+
+// The memory functions of a manager that, unlike the data source, can tell
+// the size of every handle it gave out: what a container handed to the
+// client really holds is read back exactly.
+struct TestManagerMemory {
+    static std::map<TW_HANDLE, std::size_t>& sizes()
+    {
+        static std::map<TW_HANDLE, std::size_t> map;
+        return map;
+    }
+    static TW_HANDLE allocate(TW_UINT32 size)
+    {
+        TW_HANDLE h = std::calloc(1, size);
+        if (h) sizes()[h] = size;
+        return h;
+    }
+    static void free(TW_HANDLE h)
+    {
+        sizes().erase(h);
+        std::free(h);
+    }
+    static TW_MEMREF lock(TW_HANDLE h) { return h; }
+    static void unlock(TW_HANDLE) {}
+    static std::size_t size(TW_HANDLE h)
+    {
+        auto it = sizes().find(h);
+        return it == sizes().end() ? 0 : it->second;
+    }
+    // Installs them once for the whole test program.
+    static void install()
+    {
+        static bool done = [] {
+            TW_ENTRYPOINT entry{};
+            entry.Size = sizeof(entry);
+            entry.DSM_MemAllocate = allocate;
+            entry.DSM_MemFree = free;
+            entry.DSM_MemLock = lock;
+            entry.DSM_MemUnlock = unlock;
+            return Manager::setEntryPoint(&entry);
+        }();
+        (void)done;
+    }
+};
 
 // A handle as a client would make it, through the manager's allocator.
 struct Handle {
@@ -89,14 +134,15 @@ using Message = TW_UINT16 (Capabilities::*)(TW_CAPABILITY*, TW_UINT16*);
 inline Received send(Capabilities& store, Message message, TW_UINT16 cap, TW_UINT16 conType = 0,
                      TW_HANDLE container = nullptr)
 {
+    TestManagerMemory::install();
     TW_CAPABILITY capability{cap, conType, container};
     Received r;
     r.rc = (store.*message)(&capability, &r.cc);
     r.conType = capability.ConType;
     if (r.rc == twain::TWRC_SUCCESS && capability.hContainer != container) {
-        auto size = Manager::size(capability.hContainer);
+        std::size_t size = TestManagerMemory::size(capability.hContainer);
         auto* data = static_cast<std::uint8_t*>(Manager::lock(capability.hContainer));
-        r.bytes.assign(data, data + size.value_or(0));
+        r.bytes.assign(data, data + size);
         Manager::unlock(capability.hContainer);
         Manager::free(capability.hContainer);
     }
