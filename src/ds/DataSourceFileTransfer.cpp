@@ -209,31 +209,13 @@ TW_UINT16 DataSourceEngine::setFileTransferFromTwain2(const TW_SETUPFILEXFER2& f
 
 TW_UINT16 DataSourceEngine::setFileTransferFromTwain(const TW_SETUPFILEXFER& file, TW_UINT16 formatCapability)
 {
-    TW_UINT16 code = 0;
-    std::optional<TW_UINT16> format = validateFileFormat(file.Format, formatCapability, &code);
-    if (!format) {
-        resetFileTransferUsingFormat(std::nullopt);
-        return code;
-    }
-    mFileFormatType = formatCapability;
+    // The short form is the long one without a directory; a name with no
+    // terminator in its field counts as no name at all.
+    char name[kFileNameBufferSize] = {};
     std::size_t length = strnlen(file.FileName, sizeof(file.FileName));
-    if (length == 0 || length == sizeof(file.FileName)) {
-        resetFileTransferUsingFormat(format);
-        return TWCC_BADVALUE;
-    }
-    std::string name(file.FileName, length);
-    if (TW_UINT16 fileCode = validateFile(name)) {
-        resetFileTransferUsingFormat(fileCode == TWCC_BADVALUE ? format : std::nullopt);
-        return fileCode;
-    }
-    std::memset(mFileName.get(), 0, kFileNameBufferSize);
-    std::memcpy(mFileName.get(), name.data(), name.size());
-    mFile.FileNameType = TWTY_STR1024;
-    mFile.Format = *format;
-    mFile.VRefNum = file.VRefNum;
-    mFile.ParID = 0;
-    mFileIsSet = true;
-    return code;
+    if (length < sizeof(file.FileName)) std::memcpy(name, file.FileName, length);
+    TW_SETUPFILEXFER2 longForm{name, TWTY_STR1024, file.Format, file.VRefNum, 0};
+    return setFileTransferFromTwain2(longForm, formatCapability);
 }
 
 void DataSourceEngine::resetFileTransferUsingFormat(std::optional<TW_UINT16> format)

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "platform/StringsTable.h"
+
 namespace zentary {
 
 namespace {
@@ -242,25 +244,6 @@ private:
         return true;
     }
 
-    static void appendUtf8(std::string& out, unsigned code)
-    {
-        if (code < 0x80) {
-            out += static_cast<char>(code);
-        } else if (code < 0x800) {
-            out += static_cast<char>(0xC0 | (code >> 6));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        } else if (code < 0x10000) {
-            out += static_cast<char>(0xE0 | (code >> 12));
-            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (code >> 18));
-            out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        }
-    }
-
     // Copies one well-formed UTF-8 sequence; refuses overlong forms and
     // surrogates, so the window side never sees text it cannot render.
     bool utf8(std::string& out)
@@ -323,7 +306,7 @@ private:
                     code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
                 }
                 if (code == 0) return false;  // texts end up in C strings on the far side
-                appendUtf8(out, code);
+                zentary::appendUtf8(out, static_cast<char32_t>(code));
                 break;
             }
             default:
