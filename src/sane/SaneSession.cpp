@@ -166,7 +166,6 @@ bool SaneSession::waitForScanEnd(std::chrono::milliseconds limit)
 
 void SaneSession::stopScanAndWait()
 {
-    mCancelRequested = true;
     try {
         callOn(mLoop, [this] { mScanner->stopScan(); });
     } catch (...) {
