@@ -109,8 +109,10 @@ bool SaneOptions::load(Capabilities* capabilities, std::string* error)
     }
     mGlassWidth = std::int32_t(std::lround(*width * 100));
     mGlassHeight = std::int32_t(std::lround(*height * 100));
-    mXRange = {0, SANE_FIX(*width * 25.4), 0};
-    mYRange = {0, SANE_FIX(*height * 25.4), 0};
+    // The scanner counts in hundredths of an inch: the glass as it counts it
+    // (11.7 in rather than the 11.69999 of a TW_FIX32) is what may be asked for.
+    mXRange = {0, SANE_FIX(mGlassWidth * kMillimetresPerHundredth), 0};
+    mYRange = {0, SANE_FIX(mGlassHeight * kMillimetresPerHundredth), 0};
     mArea = {0, 0, mXRange.max, mYRange.max};
     mPreview = SANE_FALSE;
 
