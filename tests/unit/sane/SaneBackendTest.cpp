@@ -1,0 +1,384 @@
+// The backend through its C entry points, loaded as the SANE dll loader
+// loads it: dlopen of libsane-zentary.so.1 and the sane_zentary_* symbols.
+#include <dlfcn.h>
+#include <sys/select.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "capabilities/Capabilities.h"
+#include "SaneTestSupport.h"
+#include "twain/twain.h"
+
+namespace zentary::test {
+namespace {
+
+struct Api {
+    decltype(&sane_init) init;
+    decltype(&sane_exit) exit;
+    decltype(&sane_get_devices) getDevices;
+    decltype(&sane_open) open;
+    decltype(&sane_close) close;
+    decltype(&sane_get_option_descriptor) descriptor;
+    decltype(&sane_control_option) control;
+    decltype(&sane_get_parameters) parameters;
+    decltype(&sane_start) start;
+    decltype(&sane_read) read;
+    decltype(&sane_cancel) cancel;
+    decltype(&sane_set_io_mode) setIoMode;
+    decltype(&sane_get_select_fd) selectFd;
+};
+
+template <typename T>
+void bind(void* library, const char* name, T* function)
+{
+    *function = reinterpret_cast<T>(dlsym(library, name));
+    ASSERT_NE(*function, nullptr) << name;
+}
+
+class SaneBackendTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        sScratch = new ScratchDir;
+        std::filesystem::create_directories(sScratch->path() / "scans");
+        writeSaneConfig(sScratch->path());
+        setenv("SANE_CONFIG_DIR", sScratch->path().c_str(), 1);
+        setenv("TMPDIR", (sScratch->path() / "scans").c_str(), 1);
+        sLibrary = dlopen((saneDir() / "libsane-zentary.so.1").c_str(), RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(sLibrary, nullptr) << dlerror();
+        bind(sLibrary, "sane_zentary_init", &api.init);
+        bind(sLibrary, "sane_zentary_exit", &api.exit);
+        bind(sLibrary, "sane_zentary_get_devices", &api.getDevices);
+        bind(sLibrary, "sane_zentary_open", &api.open);
+        bind(sLibrary, "sane_zentary_close", &api.close);
+        bind(sLibrary, "sane_zentary_get_option_descriptor", &api.descriptor);
+        bind(sLibrary, "sane_zentary_control_option", &api.control);
+        bind(sLibrary, "sane_zentary_get_parameters", &api.parameters);
+        bind(sLibrary, "sane_zentary_start", &api.start);
+        bind(sLibrary, "sane_zentary_read", &api.read);
+        bind(sLibrary, "sane_zentary_cancel", &api.cancel);
+        bind(sLibrary, "sane_zentary_set_io_mode", &api.setIoMode);
+        bind(sLibrary, "sane_zentary_get_select_fd", &api.selectFd);
+        SANE_Int version = 0;
+        ASSERT_EQ(api.init(&version, nullptr), SANE_STATUS_GOOD);
+        ASSERT_EQ(SANE_VERSION_MAJOR(version), SANE_CURRENT_MAJOR);
+    }
+    static void TearDownTestSuite()
+    {
+        if (api.exit) api.exit();
+        if (sLibrary) dlclose(sLibrary);
+        delete sScratch;
+    }
+
+    // Opens the emulator with `options` (the text after "emulator:").
+    SANE_Handle openEmulator(const std::string& options = {})
+    {
+        ScopedEnv scanner("ZENTARY_SCANNER", options.empty() ? "emulator" : "emulator:" + options);
+        SANE_Handle handle = nullptr;
+        EXPECT_EQ(api.open("emulator", &handle), SANE_STATUS_GOOD);
+        return handle;
+    }
+
+    static SANE_Status set(SANE_Handle h, SANE_Int option, const void* value)
+    {
+        return api.control(h, option, SANE_ACTION_SET_VALUE, const_cast<void*>(value), nullptr);
+    }
+    static void setArea(SANE_Handle h, const Area& area)
+    {
+        SANE_Fixed values[] = {SANE_FIX(area.left), SANE_FIX(area.top), SANE_FIX(area.right), SANE_FIX(area.bottom)};
+        for (int i = 0; i < 4; ++i) ASSERT_EQ(set(h, 6 + i, &values[i]), SANE_STATUS_GOOD);
+    }
+    // Reads to the end; the status that ended the reading.
+    static SANE_Status readAll(SANE_Handle h, std::vector<std::uint8_t>* frame)
+    {
+        std::uint8_t buffer[7919];  // odd on purpose: reads end inside pixels
+        for (;;) {
+            SANE_Int length = -1;
+            SANE_Status status = api.read(h, buffer, sizeof buffer, &length);
+            if (status != SANE_STATUS_GOOD) {
+                EXPECT_EQ(length, 0);
+                return status;
+            }
+            frame->insert(frame->end(), buffer, buffer + length);
+        }
+    }
+    static bool scanDirEmpty() { return std::filesystem::is_empty(sScratch->path() / "scans"); }
+
+    static inline Api api{};
+    static inline void* sLibrary = nullptr;
+    static inline ScratchDir* sScratch = nullptr;
+};
+
+enum { kMode = 2, kResolution = 3, kPreview = 4, kTlX = 6, kBrX = 8 };
+
+TEST_F(SaneBackendTest, OptionsAreTheCapabilityDefinitions)
+{
+    ScopedEnv scanner("ZENTARY_SCANNER", "emulator");
+    const SANE_Device** devices = nullptr;
+    ASSERT_EQ(api.getDevices(&devices, SANE_TRUE), SANE_STATUS_GOOD);
+    ASSERT_NE(devices[0], nullptr);
+    EXPECT_STREQ(devices[0]->name, "emulator");
+    EXPECT_EQ(devices[1], nullptr);  // ZENTARY_SCANNER=emulator: no USB at all
+
+    // The data source's own store, from the same file.
+    std::string error;
+    auto store = Capabilities::initWithModel("Tarvell Zentary Q300 series", false,
+                                             bundlePath() / "Resources/Capabilities", &error);
+    ASSERT_TRUE(store) << error;
+    std::vector<SANE_Word> resolutions;
+    std::optional<std::vector<CapabilityValue>> valid = store->currentValidValues(twain::ICAP_XRESOLUTION);
+    ASSERT_TRUE(valid);
+    for (const CapabilityValue& v : *valid)
+        resolutions.push_back(SANE_Word(v.items()[0].number()));
+
+    // Names, units and ranges as frontends show them: SaneScanimageTest.
+    SANE_Handle h = openEmulator();
+    const SANE_Word* list = api.descriptor(h, kResolution)->constraint.word_list;
+    EXPECT_EQ(std::vector<SANE_Word>(list + 1, list + 1 + list[0]), resolutions);
+    const SANE_String_Const* modes = api.descriptor(h, kMode)->constraint.string_list;
+    EXPECT_STREQ(modes[0], "Gray");
+    EXPECT_STREQ(modes[1], "Color");
+    EXPECT_EQ(modes[2], nullptr);
+    SANE_Int dpi = 0;
+    ASSERT_EQ(api.control(h, kResolution, SANE_ACTION_GET_VALUE, &dpi, nullptr), SANE_STATUS_GOOD);
+    EXPECT_EQ(dpi, 300);
+    api.close(h);
+}
+
+TEST_F(SaneBackendTest, BadInputGivesStatusCodes)
+{
+    SANE_Handle h = openEmulator();
+    SANE_Int tooBig = 75, notBool = 2, dpi600 = 600;
+    SANE_Fixed negative = SANE_FIX(-1.0), beyond = SANE_FIX(216.0);
+    char unknownMode[16] = "Lineart";
+    char unterminated[16];
+    std::memset(unterminated, 'C', sizeof unterminated);
+    struct Case {
+        const char* what;
+        SANE_Int option;
+        SANE_Action action;
+        void* value;
+        SANE_Status status;
+    } cases[] = {
+        {"resolution not offered", kResolution, SANE_ACTION_SET_VALUE, &tooBig, SANE_STATUS_INVAL},
+        {"bool out of range", kPreview, SANE_ACTION_SET_VALUE, &notBool, SANE_STATUS_INVAL},
+        {"tl-x below the glass", kTlX, SANE_ACTION_SET_VALUE, &negative, SANE_STATUS_INVAL},
+        {"br-x beyond the glass", kBrX, SANE_ACTION_SET_VALUE, &beyond, SANE_STATUS_INVAL},
+        {"unknown mode", kMode, SANE_ACTION_SET_VALUE, unknownMode, SANE_STATUS_INVAL},
+        {"mode without its NUL", kMode, SANE_ACTION_SET_VALUE, unterminated, SANE_STATUS_INVAL},
+        {"null value", kResolution, SANE_ACTION_GET_VALUE, nullptr, SANE_STATUS_INVAL},
+        {"option past the end", 10, SANE_ACTION_GET_VALUE, &dpi600, SANE_STATUS_INVAL},
+        {"negative option", -1, SANE_ACTION_GET_VALUE, &dpi600, SANE_STATUS_INVAL},
+        {"group option", 1, SANE_ACTION_GET_VALUE, &dpi600, SANE_STATUS_INVAL},
+        {"option count is read-only", 0, SANE_ACTION_SET_VALUE, &dpi600, SANE_STATUS_INVAL},
+        {"automatic value", kResolution, SANE_ACTION_SET_AUTO, &dpi600, SANE_STATUS_INVAL},
+        {"valid resolution", kResolution, SANE_ACTION_SET_VALUE, &dpi600, SANE_STATUS_GOOD},
+    };
+    for (const Case& c : cases) EXPECT_EQ(api.control(h, c.option, c.action, c.value, nullptr), c.status) << c.what;
+    SANE_Int dpi = 0;
+    api.control(h, kResolution, SANE_ACTION_GET_VALUE, &dpi, nullptr);
+    EXPECT_EQ(dpi, 600);  // a refused value left nothing behind
+    EXPECT_EQ(api.descriptor(h, 10), nullptr);
+
+    // Calls out of order, null pointers and handles that are not ours.
+    std::uint8_t byte;
+    SANE_Int length = 5, fd = -1;
+    int notAHandle = 0;
+    EXPECT_EQ(api.read(h, &byte, 1, &length), SANE_STATUS_INVAL);  // nothing started
+    EXPECT_EQ(length, 0);
+    EXPECT_EQ(api.setIoMode(h, SANE_TRUE), SANE_STATUS_INVAL);
+    EXPECT_EQ(api.selectFd(h, &fd), SANE_STATUS_INVAL);
+    EXPECT_EQ(api.read(h, &byte, 1, nullptr), SANE_STATUS_INVAL);
+    EXPECT_EQ(api.read(&notAHandle, &byte, 1, &length), SANE_STATUS_INVAL);
+    EXPECT_EQ(api.start(nullptr), SANE_STATUS_INVAL);
+    api.cancel(&notAHandle);
+    api.close(&notAHandle);
+    SANE_Handle other = nullptr;
+    EXPECT_EQ(api.open("nonexistent", &other), SANE_STATUS_INVAL);
+    EXPECT_EQ(api.open(nullptr, &other), SANE_STATUS_INVAL);
+    // No scanner on USB here: a device that vanished since it was listed.
+    EXPECT_EQ(api.open("usb", &other), SANE_STATUS_INVAL);
+
+    // A cancel with nothing running makes the next read say so, and is
+    // forgotten by the next start; an empty area cannot start.
+    api.cancel(h);
+    EXPECT_EQ(api.read(h, &byte, 1, &length), SANE_STATUS_CANCELLED);
+    SANE_Fixed left = SANE_FIX(50.8);
+    set(h, kTlX, &left);
+    set(h, kBrX, &left);
+    EXPECT_EQ(api.start(h), SANE_STATUS_INVAL);
+    api.close(h);
+}
+
+TEST_F(SaneBackendTest, ScansAreTheChart)
+{
+    struct Case {
+        const char* mode;
+        SANE_Int dpi;
+        bool preview;
+        Area area;
+        std::uint32_t expectedDpi;
+    } cases[] = {
+        {"Color", 150, false, {25.4, 50.8, 76.2, 88.9}, 150},
+        {"Gray", 300, false, {2.54, 12.7, 38.1, 27.94}, 300},
+        // Corners the wrong way round are the same rectangle; preview is quick.
+        {"Color", 600, true, {76.2, 88.9, 25.4, 50.8}, 150},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.mode) + " " + std::to_string(c.dpi));
+        SANE_Handle h = openEmulator();
+        char mode[16] = {};
+        std::strncpy(mode, c.mode, sizeof mode - 1);
+        SANE_Int info = 0;
+        ASSERT_EQ(api.control(h, kMode, SANE_ACTION_SET_VALUE, mode, &info), SANE_STATUS_GOOD);
+        EXPECT_TRUE(info & SANE_INFO_RELOAD_PARAMS);
+        ASSERT_EQ(set(h, kResolution, &c.dpi), SANE_STATUS_GOOD);
+        SANE_Bool preview = c.preview;
+        ASSERT_EQ(set(h, kPreview, &preview), SANE_STATUS_GOOD);
+        setArea(h, c.area);
+        Area area{std::min(c.area.left, c.area.right), std::min(c.area.top, c.area.bottom), 0, 0};
+        bool gray = std::string(c.mode) == "Gray";
+
+        SANE_Parameters before{}, after{};
+        ASSERT_EQ(api.parameters(h, &before), SANE_STATUS_GOOD);
+        ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
+        ASSERT_EQ(api.parameters(h, &after), SANE_STATUS_GOOD);
+        std::uint32_t width = pixelsFor(hundredths(std::abs(c.area.right - c.area.left)), c.expectedDpi);
+        std::uint32_t rows = pixelsFor(hundredths(std::abs(c.area.bottom - c.area.top)), c.expectedDpi);
+        EXPECT_EQ(after.pixels_per_line, SANE_Int(width));
+        EXPECT_EQ(after.lines, SANE_Int(rows));
+        EXPECT_EQ(after.bytes_per_line, SANE_Int(width * (gray ? 1 : 3)));
+        EXPECT_EQ(after.format, gray ? SANE_FRAME_GRAY : SANE_FRAME_RGB);
+        EXPECT_EQ(before.pixels_per_line, after.pixels_per_line);
+        EXPECT_EQ(before.lines, after.lines);
+
+        std::vector<std::uint8_t> frame;
+        ASSERT_EQ(readAll(h, &frame), SANE_STATUS_EOF);
+        ASSERT_EQ(frame.size(), std::size_t(after.bytes_per_line) * std::size_t(after.lines));
+        EXPECT_EQ(firstChartMismatch(frame.data(), width, rows, gray, area, c.expectedDpi), -1);
+        api.cancel(h);  // as frontends do after each page
+        api.close(h);
+        EXPECT_TRUE(scanDirEmpty());
+    }
+}
+
+TEST_F(SaneBackendTest, NonBlockingReadsFollowTheSelectFd)
+{
+    SANE_Handle h = openEmulator("mbps=5,rows=16");
+    setArea(h, {0, 0, 101.6, 127.0});  // 4 x 5 inches, 5.4 MB on the wire
+    ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
+    ASSERT_EQ(api.setIoMode(h, SANE_TRUE), SANE_STATUS_GOOD);
+    SANE_Int fd = -1;
+    ASSERT_EQ(api.selectFd(h, &fd), SANE_STATUS_GOOD);
+    SANE_Parameters p{};
+    api.parameters(h, &p);
+    std::vector<std::uint8_t> frame;
+    std::vector<std::uint8_t> buffer(65536);
+    SANE_Status status = SANE_STATUS_GOOD;
+    int emptyReads = 0, dataReads = 0;
+    while (status == SANE_STATUS_GOOD) {
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(fd, &readable);
+        timeval wait{10, 0};
+        ASSERT_EQ(select(fd + 1, &readable, nullptr, nullptr, &wait), 1) << "no wake-up within 10 s";
+        SANE_Int length = 0;
+        status = api.read(h, buffer.data(), SANE_Int(buffer.size()), &length);
+        frame.insert(frame.end(), buffer.begin(), buffer.begin() + length);
+        (length ? dataReads : emptyReads)++;
+    }
+    EXPECT_EQ(status, SANE_STATUS_EOF);
+    ASSERT_EQ(frame.size(), std::size_t(p.bytes_per_line) * std::size_t(p.lines));
+    EXPECT_EQ(firstChartMismatch(frame.data(), std::uint32_t(p.pixels_per_line), std::uint32_t(p.lines), false,
+                                 {0, 0, 0, 0}, 300),
+              -1);
+    // The rows came as the scanner sent them, not in one piece at the end.
+    EXPECT_GT(dataReads, 10);
+    // A select fd that woke with nothing to read would make frontends spin.
+    EXPECT_LT(emptyReads, dataReads);
+    api.close(h);
+}
+
+TEST_F(SaneBackendTest, DeviceFailuresEndTheFrameWithAnError)
+{
+    struct Case {
+        const char* options;
+        std::uint32_t rowsBefore;  // rows delivered before the failure
+    } cases[] = {
+        // Slow enough that the scan has not failed yet when start() returns:
+        // a scan that fails before that reports the failure there.
+        {"mbps=1,rows=8,fault=stall@40", 40},
+        {"mbps=1,rows=8,fault=disconnect@24", 24},
+        {"mbps=1,rows=8,fault=bad-signature@16", 16},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.options);
+        SANE_Handle h = openEmulator(c.options);
+        char gray[] = "Gray";
+        set(h, kMode, gray);
+        setArea(h, {0, 0, 50.8, 50.8});
+        ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
+        SANE_Parameters p{};
+        api.parameters(h, &p);
+        std::vector<std::uint8_t> frame;
+        EXPECT_EQ(readAll(h, &frame), SANE_STATUS_IO_ERROR);
+        // Streaming: what came before the failure was handed out, and right.
+        ASSERT_EQ(frame.size(), std::size_t(p.bytes_per_line) * c.rowsBefore);
+        EXPECT_EQ(firstChartMismatch(frame.data(), std::uint32_t(p.pixels_per_line), c.rowsBefore, true,
+                                     {0, 0, 0, 0}, 300),
+                  -1);
+        std::uint8_t byte;
+        SANE_Int length = 0;
+        EXPECT_EQ(api.read(h, &byte, 1, &length), SANE_STATUS_IO_ERROR);
+        api.close(h);
+        EXPECT_TRUE(scanDirEmpty());
+    }
+}
+
+TEST_F(SaneBackendTest, CancelFromAnotherThreadStopsTheScan)
+{
+    SANE_Handle h = openEmulator("mbps=4");
+    ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);  // a whole colour page: about 8 s at this speed
+    std::uint8_t buffer[4096];
+    SANE_Int length = 0;
+    ASSERT_EQ(api.read(h, buffer, sizeof buffer, &length), SANE_STATUS_GOOD);
+    auto started = std::chrono::steady_clock::now();
+    std::thread canceller([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        api.cancel(h);
+    });
+    std::vector<std::uint8_t> frame;
+    SANE_Status status = readAll(h, &frame);
+    canceller.join();
+    EXPECT_EQ(status, SANE_STATUS_CANCELLED);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+    EXPECT_EQ(api.read(h, buffer, sizeof buffer, &length), SANE_STATUS_CANCELLED);
+    EXPECT_TRUE(scanDirEmpty());
+
+    // The scanner is free again: the next scan runs to its end.
+    setArea(h, {0, 0, 12.7, 12.7});
+    ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
+    frame.clear();
+    EXPECT_EQ(readAll(h, &frame), SANE_STATUS_EOF);
+    EXPECT_EQ(frame.size(), 150u * 150u * 3u);
+
+    // A frame under way is promised: its options stay; a new start abandons
+    // it, and closing in the middle of a scan neither hangs nor leaves a file.
+    setArea(h, {0, 0, 215.9, 297.18});
+    ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
+    SANE_Int dpi = 150;
+    EXPECT_EQ(set(h, kResolution, &dpi), SANE_STATUS_DEVICE_BUSY);
+    ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
+    EXPECT_EQ(api.read(h, buffer, sizeof buffer, &length), SANE_STATUS_GOOD);
+    api.close(h);
+    EXPECT_TRUE(scanDirEmpty());
+}
+
+}  // namespace
+}  // namespace zentary::test
