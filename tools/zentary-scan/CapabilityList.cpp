@@ -237,9 +237,10 @@ std::string listTable(DataSourceManager& source)
         CapabilityValues values = capabilityValues(source, cap);
         if (!values.available) continue;
         std::string valid = cap == CAP_SUPPORTEDCAPS ? "(this list)" : joinValues(values.valid, ", ");
-        std::string current = cap == CAP_SUPPORTEDCAPS ? "" : values.current;
-        std::snprintf(line, sizeof(line), "%-26s %-14s %-14s %s\n", capabilityName(cap).c_str(), current.c_str(),
-                      values.defaultValue.c_str(), valid.c_str());
+        // The list of capabilities is this table itself.
+        bool self = cap == CAP_SUPPORTEDCAPS;
+        std::snprintf(line, sizeof(line), "%-26s %-14s %-14s %s\n", capabilityName(cap).c_str(),
+                      self ? "" : values.current.c_str(), self ? "" : values.defaultValue.c_str(), valid.c_str());
         out += line;
     }
     return out;

@@ -88,9 +88,8 @@ UiLogSummary readUiLog(const std::string& path)
             alert.informative = jsonString(line, "informative");
             summary.alerts.push_back(alert);
         }
-        if (line.find("\"dialog.cancel\"") != std::string::npos ||
-            line.find("\"progress.cancel\"") != std::string::npos)
-            summary.cancelled = true;
+        // Cancel pressed in the dialog or in the progress window.
+        if (line.find("\"action\":\"cancel\"") != std::string::npos) summary.cancelled = true;
         std::size_t percent = line.find("\"percent\":");
         if (percent != std::string::npos) summary.percent = std::atoi(line.c_str() + percent + 10);
     }

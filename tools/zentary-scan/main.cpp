@@ -152,6 +152,8 @@ int run(int argc, char** argv)
     CLI::App app("Scan from the Tarvell Zentary Q305 through its TWAIN data source.", "zentary-scan");
     app.get_formatter()->column_width(34);
     app.footer(footer());
+    // A later option overrides an earlier one, so scripts can append to a base command.
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("output", options.output, "Output file (.tif/.tiff, .jpg/.jpeg, .pict/.pct)");
     app.add_option("-m,--mode", mode, "color or gray (default color)")
         ->check(CLI::IsMember({"color", "colour", "gray", "grey"}));
