@@ -118,6 +118,7 @@ DEVICE
   usb       the scanner on USB (VID 0x2E5D, PID 0x4A21); an error without one
   emulator[:OPTIONS]
             the built-in emulated scanner, whose glass holds a test chart.
+
 )") + emulatorOptionsHelp() +
            R"(
 
