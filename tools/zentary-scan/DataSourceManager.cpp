@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 
 namespace zentary {
 
@@ -16,8 +17,35 @@ namespace {
 std::atomic<DataSourceManager*> gManager{nullptr};
 std::atomic<TW_UINT32> gNextId{1};
 
-TW_HANDLE memAllocate(TW_UINT32 size) { return std::calloc(1, size); }
-void memFree(TW_HANDLE handle) { std::free(handle); }
+// Sizes of the handles we gave out: a native transfer hands back a handle
+// whose bytes can be read only as far as what was allocated. Handles freed
+// with std::free (as tests do) leave a stale entry that the next allocation
+// at the same address overwrites.
+std::mutex gSizesMutex;
+std::unordered_map<TW_HANDLE, std::size_t>& handleSizes()
+{
+    static std::unordered_map<TW_HANDLE, std::size_t> sizes;
+    return sizes;
+}
+
+TW_HANDLE memAllocate(TW_UINT32 size)
+{
+    TW_HANDLE handle = std::calloc(1, size ? size : 1);
+    if (handle) {
+        std::lock_guard<std::mutex> guard(gSizesMutex);
+        handleSizes()[handle] = size;
+    }
+    return handle;
+}
+void memFree(TW_HANDLE handle)
+{
+    if (!handle) return;
+    {
+        std::lock_guard<std::mutex> guard(gSizesMutex);
+        handleSizes().erase(handle);
+    }
+    std::free(handle);
+}
 TW_MEMREF memLock(TW_HANDLE handle) { return handle; }
 void memUnlock(TW_HANDLE) {}
 
@@ -67,6 +95,19 @@ DataSourceManager::~DataSourceManager()
     DataSourceManager* self = this;
     gManager.compare_exchange_strong(self, nullptr);
     if (mLibrary) dlclose(mLibrary);
+}
+
+std::optional<std::size_t> DataSourceManager::handleSize(TW_HANDLE handle)
+{
+    std::lock_guard<std::mutex> guard(gSizesMutex);
+    auto it = handleSizes().find(handle);
+    if (it == handleSizes().end()) return std::nullopt;
+    return it->second;
+}
+
+void DataSourceManager::freeHandle(TW_HANDLE handle)
+{
+    memFree(handle);
 }
 
 TW_UINT16 DataSourceManager::call(TW_UINT32 group, TW_UINT16 type, TW_UINT16 message, TW_MEMREF data)

@@ -30,6 +30,12 @@ public:
     TW_IDENTITY& application() { return mApplication; }
     TW_IDENTITY& source() { return mSource; }
 
+    // Handles the source allocated through our memory functions: the size it
+    // asked for (nothing for a pointer we never handed out), and freeing one
+    // the client now owns.
+    static std::optional<std::size_t> handleSize(TW_HANDLE handle);
+    static void freeHandle(TW_HANDLE handle);
+
     // DS_Entry with the application as origin.
     TW_UINT16 call(TW_UINT32 group, TW_UINT16 type, TW_UINT16 message, TW_MEMREF data);
     // DG_CONTROL/DAT_IDENTITY/MSG_GET into source().

@@ -1,0 +1,19 @@
+# Installation of the tool and the udev rule (the data source and its bundle
+# install themselves), and the Debian package built by CPack.
+if(TARGET zentary-scan)
+  install(TARGETS zentary-scan RUNTIME DESTINATION bin)
+endif()
+install(FILES ${PROJECT_SOURCE_DIR}/resources/udev/70-zentary-q305.rules DESTINATION lib/udev/rules.d)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME zentary-q305)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "Zentary Q305 driver team <zentary@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "TWAIN data source and scanning tool for the Tarvell Zentary Q305")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
+# Library dependencies come from the binaries themselves.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "systemd")
+include(CPack)

@@ -1,0 +1,157 @@
+// zentary-scan's promises beyond the pixels: bad input is refused in one
+// line before anything is touched, scanner faults and cancellation end with
+// their own exit codes and leave no file, and an installed copy finds its
+// data source by itself.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "ToolRunner.h"
+#include "support/TestEnvironment.h"
+
+namespace zentary {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kUsage = 2, kDevice = 3, kCancelled = 130;
+const std::vector<std::string> kSmall = {"--device", "emulator", "--resolution", "150", "--area", "0.5,0.5,1,1"};
+
+std::vector<std::string> with(std::vector<std::string> args, const std::vector<std::string>& more)
+{
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+}
+
+class ScanTool : public ::testing::Test {
+protected:
+    test::ScratchDir mScratch;
+    std::vector<std::string> mEnv{"XDG_CONFIG_HOME=" + mScratch.path().string()};
+
+    void writeFile(const std::string& name, const std::string& text)
+    {
+        std::ofstream(mScratch.path() / name) << text;
+    }
+    std::string readFile(const std::string& name)
+    {
+        std::ifstream in(mScratch.path() / name);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+};
+
+TEST_F(ScanTool, BadInputIsRefusedInOneLineAndTouchesNothing)
+{
+    writeFile("old.tif", "keep me");
+    struct Case {
+        std::vector<std::string> args;
+        int exitCode;
+        const char* says;
+    } cases[] = {
+        {{"--frobnicate", "x.tif"}, kUsage, "--frobnicate"},
+        {with(kSmall, {"--resolution", "200", "x.tif"}), kUsage, "150, 300, 600, 1200"},
+        {with(kSmall, {"missing-dir/x.tif"}), kUsage, "cannot write to missing-dir"},
+        {with(kSmall, {"old.tif"}), kUsage, "--overwrite"},
+        {with(kSmall, {"x.png"}), kUsage, ".tif"},
+        {{"--area", "1,2,3", "x.tif"}, kUsage, "LEFT,TOP,WIDTH,HEIGHT"},
+        {{"--device", "emulator:fault=melt", "x.tif"}, kUsage, "melt"},
+        {{"--mode", "sepia", "x.tif"}, kUsage, "sepia"},
+        {{"--device", "usb", "x.tif"}, kDevice, "no Zentary Q305 on USB"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args.front() + " ... " + c.args.back());
+        test::ToolRun run = test::runTool(mScratch.path(), c.args, mEnv);
+        EXPECT_EQ(run.exitCode, c.exitCode) << run.err;
+        EXPECT_NE(run.err.find(c.says), std::string::npos) << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+        EXPECT_EQ(test::strayFiles(mScratch.path(), {"old.tif"}), std::vector<std::string>{});
+    }
+    EXPECT_EQ(readFile("old.tif"), "keep me");
+    test::ToolRun run = test::runTool(mScratch.path(), with(kSmall, {"--overwrite", "old.tif"}), mEnv);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(test::decodeTiffFile(mScratch.path() / "old.tif").width, 150);
+}
+
+TEST_F(ScanTool, ScannerFaultsEndWithADeviceErrorAndNoFile)
+{
+    struct Case {
+        const char* fault;
+        const char* says;
+    } cases[] = {
+        {"lock-refused", "The scanner is not available."},
+        {"not-ready@20", "The scanner is not available."},
+        {"settings-length", "The scanner is not available."},
+        {"bad-signature@40", "stopped sending"},
+        {"short-data@40", "stopped sending"},
+        {"malformed-data@40", "stopped sending"},
+        {"stall@40", "stopped sending"},
+        {"timeout@40", "stopped sending"},
+        {"disconnect@40", "stopped sending"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fault);
+        std::vector<std::string> args = {"--device", std::string("emulator:rows=8,fault=") + c.fault,
+                                         "--resolution", "150", "--area", "0,0,1,1", "out.tif"};
+        test::ToolRun run = test::runTool(mScratch.path(), args, mEnv);
+        EXPECT_EQ(run.exitCode, kDevice) << run.err;
+        EXPECT_NE(run.err.find(c.says), std::string::npos) << run.err;
+        EXPECT_EQ(test::strayFiles(mScratch.path()), std::vector<std::string>{});
+    }
+    // A job without its end marker still delivers the rows it sent.
+    test::ToolRun run = test::runTool(mScratch.path(), with(kSmall, {"--device", "emulator:fault=no-image-end", "x.jpg"}), mEnv);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+}
+
+TEST_F(ScanTool, CancellingLeavesNoFileBehind)
+{
+    fs::path tmp = mScratch.path() / "tmp";
+    fs::create_directory(tmp);
+    std::vector<std::string> env = with(mEnv, {"TMPDIR=" + tmp.string()});
+    test::ToolRun dialog = test::runTool(mScratch.path(), with(kSmall, {"--ui", "out.tif"}),
+                                         with(env, {"ZENTARY_UI=headless-cancel"}));
+    EXPECT_EQ(dialog.exitCode, kCancelled) << dialog.err;
+    EXPECT_NE(dialog.err.find("cancelled"), std::string::npos);
+
+    // A slow scanner, interrupted mid-scan as Ctrl-C would.
+    test::ToolRun interrupted = test::runTool(
+        mScratch.path(), {"--device", "emulator:mbps=1", "--area", "0,0,8,8", "--xfer", "memory", "out.tif"}, env, 1200);
+    EXPECT_EQ(interrupted.exitCode, kCancelled) << interrupted.err;
+    EXPECT_EQ(test::strayFiles(mScratch.path(), {"tmp"}), std::vector<std::string>{});
+    EXPECT_EQ(test::strayFiles(tmp), std::vector<std::string>{}) << "raw scan or work folder left";
+}
+
+TEST_F(ScanTool, ListShowsEveryCapabilityAsJson)
+{
+    test::ToolRun run = test::runTool(mScratch.path(), {"--device", "emulator", "--list", "--json"}, mEnv);
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    for (const char* text : {"\"productName\":\"Tarvell Zentary Q305 MFP\"",
+                             "{\"name\":\"ICAP_XRESOLUTION\",\"id\":4376,\"container\":\"TWON_ENUMERATION\","
+                             "\"type\":\"TWTY_FIX32\",\"current\":\"300\",\"default\":\"300\","
+                             "\"valid\":[\"150\",\"300\",\"600\",\"1200\"]}",
+                             "\"valid\":[\"TWSX_NATIVE\",\"TWSX_FILE\",\"TWSX_MEMORY\",\"TWSX_FILE2\"]"})
+        EXPECT_NE(run.out.find(text), std::string::npos) << text << "\n" << run.out;
+}
+
+TEST_F(ScanTool, InstalledToolFindsItsDataSource)
+{
+    const char* cmake = std::getenv("ZENTARY_CMAKE");
+    ASSERT_TRUE(cmake);
+    fs::path prefix = mScratch.path() / "prefix";
+    std::string command = std::string(cmake) + " --install '" + test::buildDir().string() + "' --prefix '" +
+                          prefix.string() + "' >/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    EXPECT_TRUE(fs::exists(prefix / "lib/twain/tarvell/ZentaryQ305.ds"));
+    EXPECT_TRUE(fs::exists(prefix / "lib/twain/tarvell/ZentaryQ305.bundle/Info.plist"));
+    std::ifstream rule(prefix / "lib/udev/rules.d/70-zentary-q305.rules");
+    std::string rules(std::istreambuf_iterator<char>(rule), {});
+    EXPECT_NE(rules.find("ATTR{idVendor}==\"2e5d\", ATTR{idProduct}==\"4a21\", TAG+=\"uaccess\""), std::string::npos);
+
+    // The installed tool, run from elsewhere, loads the installed .ds.
+    std::string installed = (prefix / "bin/zentary-scan").string();
+    test::ToolRun run = test::runTool(mScratch.path(), with(kSmall, {"out.tif"}),
+                                      with(mEnv, {"ZENTARY_SCAN_TOOL=" + installed}));
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(test::decodeTiffFile(mScratch.path() / "out.tif").width, 150);
+}
+
+}  // namespace
+}  // namespace zentary

@@ -1,0 +1,338 @@
+#include "ScanSession.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <sstream>
+#include <vector>
+
+#include "CapabilityList.h"
+#include "ImageOutput.h"
+#include "TwainText.h"
+
+namespace zentary {
+
+using namespace twain;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A scan of the whole glass at 1200 dpi takes minutes on USB 2.0; nothing
+// the scanner does legitimately takes longer than this.
+constexpr auto kScanTimeout = 15min;
+
+TW_FIX32 toFix32(double value)
+{
+    double whole = std::floor(value);
+    return TW_FIX32{static_cast<TW_INT16>(whole), static_cast<TW_UINT16>(std::lround((value - whole) * 65536) & 0xFFFF)};
+}
+
+TW_UINT32 fix32Item(TW_FIX32 fix)
+{
+    TW_UINT32 item = 0;
+    std::memcpy(&item, &fix, sizeof(fix));
+    return item;
+}
+
+// The container handle the source allocated, freed when done.
+struct Container {
+    TW_HANDLE handle = nullptr;
+    ~Container() { DataSourceManager::freeHandle(handle); }
+};
+
+TW_UINT16 setOneValue(DataSourceManager& source, TW_UINT16 cap, TW_UINT16 itemType, TW_UINT32 item)
+{
+    auto* one = static_cast<TW_ONEVALUE*>(std::calloc(1, sizeof(TW_ONEVALUE)));
+    if (!one) return TWRC_FAILURE;
+    one->ItemType = itemType;
+    one->Item = item;
+    TW_CAPABILITY capability{cap, TWON_ONEVALUE, one};
+    TW_UINT16 rc = source.call(DG_CONTROL, DAT_CAPABILITY, MSG_SET, &capability);
+    std::free(one);
+    return rc;
+}
+
+std::string describe(const TW_IMAGEINFO& info, OutputFormat format, std::uintmax_t bytes)
+{
+    char text[160];
+    std::snprintf(text, sizeof(text), "%d x %d pixels, %d dpi, %s, %s, %ju bytes", info.ImageWidth,
+                  info.ImageLength, info.XResolution.Whole, info.PixelType == TWPT_GRAY ? "gray" : "color",
+                  formatName(format), bytes);
+    return text;
+}
+
+}  // namespace
+
+ScanSession::ScanSession(DataSourceManager& source, const ScanOptions& options, ProgressReporter& progress,
+                         const std::atomic<bool>& interrupted, std::string workDir, std::string uiLog)
+    : mSource(source), mOptions(options), mProgress(progress), mInterrupted(interrupted),
+      mWorkDir(std::move(workDir)), mUiLog(std::move(uiLog))
+{
+}
+
+std::string ScanSession::alertText()
+{
+    UiLogSummary log = readUiLog(mUiLog);
+    std::string text;
+    for (std::size_t i = mAlertsShown; i < log.alerts.size(); ++i) {
+        const AlertSeen& alert = log.alerts[i];
+        if (!text.empty()) text += "; ";
+        text += "\"" + alert.message + "\"";
+        if (!alert.informative.empty()) text += " (" + alert.informative + ")";
+    }
+    mAlertsShown = log.alerts.size();
+    return text;
+}
+
+SessionResult ScanSession::failure(int exitCode, const std::string& what)
+{
+    std::string message = what + ": " + conditionCodeName(mSource.conditionCode());
+    std::string alert = alertText();
+    if (!alert.empty()) message += "; the scanner said " + alert;
+    return {exitCode, message};
+}
+
+void ScanSession::windDown()
+{
+    // Each step may legitimately fail (we may not have reached its state);
+    // together they bring the source back to closed from anywhere.
+    if (mTransferReady) {
+        TW_PENDINGXFERS pending{};
+        mSource.call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending);
+        mTransferReady = false;
+    }
+    if (mEnabled) {
+        TW_USERINTERFACE ui{0, 0, nullptr};
+        mSource.call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, &ui);
+        mEnabled = false;
+    }
+    mSource.close();
+}
+
+SessionResult ScanSession::negotiate()
+{
+    if (setOneValue(mSource, ICAP_PIXELTYPE, TWTY_UINT16, mOptions.mode == ColorMode::Gray ? TWPT_GRAY : TWPT_RGB) !=
+        TWRC_SUCCESS)
+        return failure(kExitFailure, "the scanner refused the mode");
+    TW_FIX32 dpi{static_cast<TW_INT16>(mOptions.resolution), 0};
+    if (mOptions.resolution <= 0 || mOptions.resolution > 0x7FFF ||
+        setOneValue(mSource, ICAP_XRESOLUTION, TWTY_FIX32, fix32Item(dpi)) != TWRC_SUCCESS) {
+        std::string valid = joinValues(capabilityValues(mSource, ICAP_XRESOLUTION).valid, ", ");
+        mSource.conditionCode();  // consumed: the message names the valid values instead
+        return {kExitUsage, "the scanner does not offer " + std::to_string(mOptions.resolution) +
+                                " dpi; valid resolutions: " + valid};
+    }
+    TW_UINT16 mechanism = mOptions.mechanism == Mechanism::Native   ? TWSX_NATIVE
+                          : mOptions.mechanism == Mechanism::Memory ? TWSX_MEMORY
+                                                                    : TWSX_FILE;
+    if (setOneValue(mSource, ICAP_XFERMECH, TWTY_UINT16, mechanism) != TWRC_SUCCESS)
+        return failure(kExitFailure, "the scanner refused the transfer mechanism");
+
+    const ScanArea& area = mOptions.area;
+    TW_IMAGELAYOUT layout{};
+    layout.Frame = {toFix32(area.left), toFix32(area.top), toFix32(area.left + area.width),
+                    toFix32(area.top + area.height)};
+    layout.DocumentNumber = layout.PageNumber = layout.FrameNumber = 0xFFFFFFFF;
+    TW_UINT16 rc = mSource.call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &layout);
+    if (rc == TWRC_CHECKSTATUS) {
+        mProgress.finish();
+        std::fprintf(stderr, "zentary-scan: the scan frame was cut to the glass (8.5 x 11.7 in)\n");
+    } else if (rc != TWRC_SUCCESS) {
+        return failure(kExitUsage, "the scanner refused the scan frame");
+    }
+
+    if (mOptions.mechanism == Mechanism::File) {
+        TW_UINT16 format = mOptions.format == OutputFormat::Tiff   ? TWFF_TIFF
+                           : mOptions.format == OutputFormat::Jpeg ? TWFF_JFIF
+                                                                   : TWFF_PICT;
+        TW_SETUPFILEXFER setup{};
+        std::string path = std::filesystem::absolute(mFileTarget).string();
+        if (path.size() >= sizeof(setup.FileName))
+            return {kExitUsage, "the output path is too long for a file transfer (255 characters at most); "
+                                "use --xfer native or memory"};
+        std::memcpy(setup.FileName, path.c_str(), path.size() + 1);
+        setup.Format = format;
+        if (mSource.call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup) != TWRC_SUCCESS)
+            return failure(kExitFailure, std::string("the scanner cannot write ") + formatName(mOptions.format) +
+                                             " files to " + path);
+    }
+    return {};
+}
+
+double ScanSession::scanFraction() const
+{
+    // The raw scan file grows as rows arrive; its expected size follows from
+    // the frame (rows padded to 8 pixels, 4 bytes a colour pixel).
+    double width = std::ceil(mOptions.area.width * mOptions.resolution / 8) * 8;
+    double rows = std::ceil(mOptions.area.height * mOptions.resolution);
+    double expected = width * rows * (mOptions.mode == ColorMode::Gray ? 1 : 4) + 32;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(mWorkDir, ec))
+        if (entry.path().extension() == ".raw") return static_cast<double>(entry.file_size(ec)) / expected;
+    return 0;
+}
+
+SessionResult ScanSession::waitForTransfer()
+{
+    mProgress.phase("Scanning");
+    auto deadline = std::chrono::steady_clock::now() + kScanTimeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (mInterrupted) return {kExitCancelled, "cancelled"};
+        std::optional<TW_UINT16> message = mSource.waitForMessage(100ms);
+        if (!message) {
+            mProgress.update(std::min(scanFraction(), 0.99));
+            continue;
+        }
+        if (*message == MSG_XFERREADY) {
+            mTransferReady = true;
+            mProgress.update(1);
+            mProgress.finish();
+            return {};
+        }
+        if (*message == MSG_CLOSEDSREQ) {
+            mProgress.finish();
+            UiLogSummary log = readUiLog(mUiLog);
+            if (log.cancelled) return {kExitCancelled, "cancelled in the dialog"};
+            std::string alert = alertText();
+            return {kExitDevice, alert.empty() ? "the scan failed: the scanner stopped sending the image"
+                                               : "the scan failed; the scanner said " + alert};
+        }
+    }
+    return {kExitDevice, "the scan failed: no image after " +
+                             std::to_string(std::chrono::duration_cast<std::chrono::minutes>(kScanTimeout).count()) +
+                             " minutes"};
+}
+
+SessionResult ScanSession::transferNative(const TW_IMAGEINFO& info, const std::string& target)
+{
+    TW_HANDLE handle = nullptr;
+    TW_UINT16 rc = mSource.call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle);
+    Container owned{handle};
+    if (rc != TWRC_XFERDONE) return failure(kExitFailure, "the native transfer failed");
+    std::optional<std::size_t> size = DataSourceManager::handleSize(handle);
+    if (!handle || !size) return {kExitFailure, "the native transfer handed over no image"};
+    std::span<const std::uint8_t> bytes(static_cast<const std::uint8_t*>(handle), *size);
+    bool isTiff = bytes.size() >= 4 && (std::memcmp(bytes.data(), "II*\0", 4) == 0 ||
+                                        std::memcmp(bytes.data(), "MM\0*", 4) == 0);
+    if (!isTiff) {
+        // A picture (ZENTARY_NATIVE=pict): a PICT file is the picture behind a 512-byte header.
+        if (mOptions.format != OutputFormat::Pict)
+            return {kExitFailure, "the native transfer handed over a picture; write it to a .pict file"};
+        std::vector<std::uint8_t> file(512, 0);
+        file.insert(file.end(), bytes.begin(), bytes.end());
+        if (!writeBytes(file, target)) return {kExitFailure, "cannot write " + mOptions.output};
+        return {};
+    }
+    if (mOptions.format == OutputFormat::Tiff) {
+        if (!writeBytes(bytes, target)) return {kExitFailure, "cannot write " + mOptions.output};
+        return {};
+    }
+    std::string error;
+    auto image = decodeTiff(bytes, &error);
+    if (!image) return {kExitFailure, error};
+    (void)info;
+    if (!writeImage(*image, mOptions.format, target)) return {kExitFailure, "cannot write " + mOptions.output};
+    return {};
+}
+
+SessionResult ScanSession::transferMemory(const TW_IMAGEINFO& info, const std::string& target)
+{
+    std::string error;
+    auto assembler = StripAssembler::create(info, &error);
+    if (!assembler) return {kExitFailure, error};
+    TW_SETUPMEMXFER sizes{};
+    if (mSource.call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes) != TWRC_SUCCESS)
+        return failure(kExitFailure, "the scanner gave no memory buffer sizes");
+    // About a megabyte a strip: few calls, little memory, and within the
+    // bounds the source accepts.
+    std::size_t length = std::clamp<std::size_t>(1u << 20, sizes.MinBufSize, sizes.MaxBufSize);
+    std::vector<std::uint8_t> buffer(length);
+    while (!assembler->complete()) {
+        if (mInterrupted) return {kExitCancelled, "cancelled"};
+        TW_IMAGEMEMXFER strip{};
+        strip.Memory = {TWMF_APPOWNS | TWMF_POINTER, static_cast<TW_UINT32>(buffer.size()), buffer.data()};
+        TW_UINT16 rc = mSource.call(DG_IMAGE, DAT_IMAGEMEMXFER, MSG_GET, &strip);
+        if (rc != TWRC_SUCCESS && rc != TWRC_XFERDONE) return failure(kExitFailure, "the memory transfer failed");
+        if (!assembler->add(strip, buffer, &error)) return {kExitFailure, error};
+        mProgress.update(static_cast<double>(strip.YOffset + strip.Rows) / info.ImageLength);
+        if (rc == TWRC_XFERDONE && !assembler->complete())
+            return {kExitFailure, "the memory transfer ended before the last row"};
+    }
+    auto image = assembler->take();
+    if (!writeImage(*image, mOptions.format, target)) return {kExitFailure, "cannot write " + mOptions.output};
+    return {};
+}
+
+SessionResult ScanSession::transferFile(const std::string& /*target: set up in negotiate()*/)
+{
+    if (mSource.call(DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, nullptr) != TWRC_XFERDONE)
+        return failure(kExitFailure, "the file transfer failed");
+    return {};
+}
+
+SessionResult ScanSession::transfer()
+{
+    TW_IMAGEINFO info{};
+    if (mSource.call(DG_IMAGE, DAT_IMAGEINFO, MSG_GET, &info) != TWRC_SUCCESS)
+        return failure(kExitFailure, "the scanner gave no image information");
+    mProgress.phase("Transferring");
+    std::string target = mFileTarget;
+    SessionResult result;
+    switch (mOptions.mechanism) {
+    case Mechanism::Native: result = transferNative(info, target); break;
+    case Mechanism::Memory: result = transferMemory(info, target); break;
+    case Mechanism::File: result = transferFile(target); break;
+    }
+    mProgress.update(1);
+    mProgress.finish();
+    if (result.exitCode != kExitOk) return result;
+    TW_PENDINGXFERS pending{};
+    if (mSource.call(DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending) == TWRC_SUCCESS) mTransferReady = false;
+    std::error_code ec;
+    std::uintmax_t bytes = std::filesystem::file_size(target, ec);
+    if (ec || bytes == 0) return {kExitFailure, "the transfer left no image in " + mOptions.output};
+    result.message = mOptions.output + ": " + describe(info, mOptions.format, bytes);
+    return result;
+}
+
+SessionResult ScanSession::scan()
+{
+    std::string error;
+    auto pending = PendingFile::create(mOptions.output, &error);
+    if (!pending) return {kExitUsage, error};
+    mFileTarget = pending->path();
+
+    if (mSource.open() != TWRC_SUCCESS) {
+        bool noScanner = false;
+        for (const AlertSeen& alert : readUiLog(mUiLog).alerts) noScanner |= alert.row == 2;
+        return failure(noScanner ? kExitDevice : kExitFailure, "cannot open the scanner");
+    }
+    SessionResult result = negotiate();
+    if (result.exitCode == kExitOk) {
+        TW_USERINTERFACE ui{static_cast<TW_BOOL>(mOptions.showUI ? 1 : 0), 1, nullptr};
+        if (mSource.call(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, &ui) != TWRC_SUCCESS)
+            result = failure(kExitDevice, "cannot start the scanner");
+        else
+            mEnabled = true;
+    }
+    if (result.exitCode == kExitOk) result = waitForTransfer();
+    if (result.exitCode == kExitOk) result = transfer();
+    windDown();
+    if (result.exitCode == kExitOk && mInterrupted) result = {kExitCancelled, "cancelled"};
+    if (result.exitCode == kExitOk && !pending->commit(mOptions.overwrite, &error)) result = {kExitUsage, error};
+    return result;
+}
+
+SessionResult ScanSession::list()
+{
+    if (mSource.open() != TWRC_SUCCESS) return failure(kExitDevice, "cannot open the scanner");
+    std::string text = mOptions.json ? listJson(mSource) : listTable(mSource);
+    windDown();
+    return {kExitOk, text};
+}
+
+}  // namespace zentary

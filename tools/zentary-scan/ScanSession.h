@@ -1,0 +1,57 @@
+// One acquisition as a TWAIN client does it: open the source, negotiate
+// mode, resolution, frame and transfer mechanism, enable, wait for the
+// transfer to be ready, transfer, end the transfer, disable, close. Every
+// failure comes back as an exit code and one line for the user, naming the
+// condition code and the alert the user saw.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "DataSourceManager.h"
+#include "Feedback.h"
+#include "ScanOptions.h"
+
+namespace zentary {
+
+struct SessionResult {
+    int exitCode = kExitOk;
+    std::string message;  // what to print: the summary on success, the error otherwise
+};
+
+class ScanSession {
+public:
+    // `workDir` is the private directory the data source was given as
+    // TMPDIR; `uiLog` the file it was given as ZENTARY_UI_LOG.
+    ScanSession(DataSourceManager& source, const ScanOptions& options, ProgressReporter& progress,
+                const std::atomic<bool>& interrupted, std::string workDir, std::string uiLog);
+
+    SessionResult scan();
+    SessionResult list();
+
+private:
+    SessionResult negotiate();
+    SessionResult waitForTransfer();
+    SessionResult transfer();
+    SessionResult transferNative(const TW_IMAGEINFO& info, const std::string& target);
+    SessionResult transferMemory(const TW_IMAGEINFO& info, const std::string& target);
+    SessionResult transferFile(const std::string& target);
+    // The failure of a triplet: its condition code and any new alert.
+    SessionResult failure(int exitCode, const std::string& what);
+    std::string alertText();
+    void windDown();
+    double scanFraction() const;
+
+    DataSourceManager& mSource;
+    const ScanOptions& mOptions;
+    ProgressReporter& mProgress;
+    const std::atomic<bool>& mInterrupted;
+    std::string mWorkDir;
+    std::string mUiLog;
+    std::size_t mAlertsShown = 0;
+    bool mEnabled = false;
+    bool mTransferReady = false;
+    std::string mFileTarget;  // the temporary file a file transfer writes
+};
+
+}  // namespace zentary

@@ -1,0 +1,272 @@
+// zentary-scan: scans from the Zentary Q305 (or its built-in emulator) to a
+// TIFF, JPEG or PICT file through the TWAIN data source, exactly as any
+// TWAIN client would drive it.
+#include <libusb.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include "DataSourceManager.h"
+#include "Feedback.h"
+#include "ScanOptions.h"
+#include "ScanSession.h"
+#include "emulator/EmulatorOptions.h"
+
+namespace zentary {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uint16_t kVendorId = 0x2E5D;
+constexpr std::uint16_t kProductId = 0x4A21;
+
+std::atomic<bool> gInterrupted{false};
+
+void onInterrupt(int)
+{
+    // The first Ctrl-C stops cleanly; a second one is the user insisting.
+    if (gInterrupted.exchange(true)) {
+        signal(SIGINT, SIG_DFL);
+        raise(SIGINT);
+    }
+}
+
+int fail(int code, const std::string& message)
+{
+    std::fprintf(stderr, "zentary-scan: %s\n", message.c_str());
+    return code;
+}
+
+// Whether a Q305 is on the bus. A machine without USB access (a container,
+// no permission on the bus) simply has none.
+bool usbScannerPresent()
+{
+    libusb_context* context = nullptr;
+    if (libusb_init(&context) != 0) return false;
+    std::unique_ptr<libusb_context, void (*)(libusb_context*)> owner(context, libusb_exit);
+    libusb_device** devices = nullptr;
+    ssize_t count = libusb_get_device_list(context, &devices);
+    if (count < 0) return false;
+    bool found = false;
+    for (ssize_t i = 0; i < count && !found; ++i) {
+        libusb_device_descriptor descriptor{};
+        if (libusb_get_device_descriptor(devices[i], &descriptor) == 0)
+            found = descriptor.idVendor == kVendorId && descriptor.idProduct == kProductId;
+    }
+    libusb_free_device_list(devices, 1);
+    return found;
+}
+
+// The .ds beside an installed tool (<prefix>/bin -> <prefix>/lib/twain), in
+// the build tree, or in the system's TWAIN folders.
+std::string findDataSource()
+{
+    std::error_code ec;
+    fs::path self = fs::read_symlink("/proc/self/exe", ec).parent_path();
+    const fs::path candidates[] = {
+        self / "../lib/twain/tarvell/ZentaryQ305.ds",
+        self / "../../twain/tarvell/ZentaryQ305.ds",
+        "/usr/local/lib/twain/tarvell/ZentaryQ305.ds",
+        "/usr/lib/twain/tarvell/ZentaryQ305.ds",
+    };
+    for (const fs::path& candidate : candidates)
+        if (fs::exists(candidate, ec)) return fs::weakly_canonical(candidate, ec).string();
+    return {};
+}
+
+// A private folder for the data source's temporary files and UI log, gone
+// with everything in it when the tool exits, however it exits normally.
+class WorkDir {
+public:
+    WorkDir()
+    {
+        std::string pattern = (fs::temp_directory_path() / "zentary-scan-XXXXXX").string();
+        if (mkdtemp(pattern.data())) mPath = pattern;
+    }
+    ~WorkDir()
+    {
+        std::error_code ec;
+        if (!mPath.empty()) fs::remove_all(mPath, ec);
+    }
+    WorkDir(const WorkDir&) = delete;
+    WorkDir& operator=(const WorkDir&) = delete;
+    const std::string& path() const { return mPath; }
+
+private:
+    std::string mPath;
+};
+
+std::string footer()
+{
+    return std::string(R"(
+OUTPUT
+  The format follows the extension: .tif/.tiff (TIFF), .jpg/.jpeg (JPEG),
+  .pict/.pct (PICT). The file is written under a temporary name and moved
+  into place only when complete: a failed or cancelled scan leaves nothing.
+  An existing file is kept unless --overwrite is given. On success one line
+  on stdout gives the file, its size in pixels, resolution, mode and bytes.
+
+DEVICE
+  auto      the Zentary Q305 on USB when one is connected, otherwise the
+            built-in emulator (with a notice on stderr)
+  usb       the scanner on USB (VID 0x2E5D, PID 0x4A21); an error without one
+  emulator[:OPTIONS]
+            the built-in emulated scanner, whose glass holds a test chart.
+
+)") + emulatorOptionsHelp() +
+           R"(
+
+EXIT STATUS
+  0    the image was written
+  1    the scan or the transfer failed in the data source, or writing failed
+  2    usage error: bad option, resolution not offered, output path not
+       writable or already there; nothing was scanned
+  3    device error: no scanner, or the scanner failed during the scan
+  130  cancelled (Ctrl-C, or Cancel in the dialog)
+  Errors are one line on stderr naming the TWAIN condition code (TWCC_...)
+  and the alert the data source showed.
+
+ENVIRONMENT
+  ZENTARY_UI      with --ui: unset shows windows when there is a display;
+                  "headless" scans at once, "headless-cancel" cancels
+  ZENTARY_NATIVE  "pict": native transfers hand over a PICT picture
+  TMPDIR          where the raw scan is kept during the scan
+
+EXAMPLES
+  zentary-scan scan.tiff
+  zentary-scan --mode gray --resolution 150 --area 1,1,4,3in --xfer memory page.jpg
+  zentary-scan --device emulator:mbps=40,fault=disconnect@120 test.tif
+  zentary-scan --list --json
+)";
+}
+
+int run(int argc, char** argv)
+{
+    ScanOptions options;
+    std::string mode = "color", mechanism = "native", area = "letter", device = "auto";
+    CLI::App app("Scan from the Tarvell Zentary Q305 through its TWAIN data source.", "zentary-scan");
+    app.get_formatter()->column_width(34);
+    app.footer(footer());
+    // A later option overrides an earlier one, so scripts can append to a base command.
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app.add_option("output", options.output, "Output file (.tif/.tiff, .jpg/.jpeg, .pict/.pct)");
+    app.add_option("-m,--mode", mode, "color or gray (default color)")
+        ->check(CLI::IsMember({"color", "colour", "gray", "grey"}));
+    app.add_option("-r,--resolution", options.resolution, "Dots per inch, one the scanner offers (default 300)");
+    app.add_option("-a,--area", area,
+                   "Scan frame: letter (default), a4, or LEFT,TOP,WIDTH,HEIGHT from the glass's top-left "
+                   "corner in inches, or with the suffix mm in millimetres");
+    app.add_option("-x,--xfer", mechanism, "TWAIN transfer mechanism: native (default), memory or file")
+        ->check(CLI::IsMember({"native", "memory", "file"}));
+    app.add_flag("--ui", options.showUI, "Show the data source's dialog instead of scanning at once");
+    app.add_option("-d,--device", device, "auto (default), usb, emulator or emulator:OPTIONS");
+    app.add_flag("--overwrite", options.overwrite, "Replace the output file if it exists");
+    app.add_flag("-l,--list", options.list, "Show the source's identity and every capability, then exit");
+    app.add_flag("--json", options.json, "With --list: print JSON");
+    app.add_option("--source", options.sourcePath, "The data source (.ds) to load (default: the installed one)");
+    app.set_version_flag("-V,--version", std::string("zentary-scan ") + ZENTARY_VERSION);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        return fail(kExitUsage, std::string(e.what()) + " (see --help)");
+    }
+
+    options.mode = mode == "gray" || mode == "grey" ? ColorMode::Gray : ColorMode::Color;
+    options.mechanism = mechanism == "memory" ? Mechanism::Memory
+                        : mechanism == "file" ? Mechanism::File
+                                              : Mechanism::Native;
+    std::string error;
+    if (!parseArea(area, &options.area, &error) || !parseDevice(device, &options.device, &error))
+        return fail(kExitUsage, error);
+    if (options.json && !options.list) return fail(kExitUsage, "--json goes with --list");
+    if (!options.list) {
+        if (options.output.empty()) return fail(kExitUsage, "no output file given (see --help)");
+        std::optional<OutputFormat> format = formatForPath(options.output);
+        if (!format)
+            return fail(kExitUsage, "cannot tell the format of " + options.output +
+                                        ": use .tif, .tiff, .jpg, .jpeg, .pict or .pct");
+        options.format = *format;
+        std::error_code ec;
+        if (fs::exists(options.output, ec) && !options.overwrite)
+            return fail(kExitUsage, options.output + " exists (use --overwrite to replace it)");
+        if (fs::is_directory(options.output, ec)) return fail(kExitUsage, options.output + " is a directory");
+        fs::path dir = fs::path(options.output).parent_path();
+        if (dir.empty()) dir = ".";
+        if (access(dir.c_str(), W_OK) != 0) return fail(kExitUsage, "cannot write to " + dir.string());
+    }
+
+    switch (options.device.kind) {
+    case DeviceChoice::Kind::Auto:
+        if (usbScannerPresent()) {
+            unsetenv("ZENTARY_SCANNER");
+        } else {
+            std::fprintf(stderr, "zentary-scan: no Zentary Q305 on USB; using the built-in emulator\n");
+            setenv("ZENTARY_SCANNER", "emulator", 1);
+        }
+        break;
+    case DeviceChoice::Kind::Usb:
+        if (!usbScannerPresent())
+            return fail(kExitDevice, "no Zentary Q305 on USB (VID 0x2E5D, PID 0x4A21): is it connected and "
+                                     "switched on? (--device emulator scans without it)");
+        unsetenv("ZENTARY_SCANNER");
+        break;
+    case DeviceChoice::Kind::Emulator:
+        setenv("ZENTARY_SCANNER",
+               options.device.emulatorOptions.empty() ? "emulator"
+                                                      : ("emulator:" + options.device.emulatorOptions).c_str(),
+               1);
+        break;
+    }
+
+    std::string dsPath = options.sourcePath.empty() ? findDataSource() : options.sourcePath;
+    if (dsPath.empty()) return fail(kExitFailure, "cannot find ZentaryQ305.ds (give its path with --source)");
+    WorkDir work;
+    if (work.path().empty()) return fail(kExitFailure, "cannot make a temporary folder");
+    std::string uiLog = work.path() + "/ui.log";
+    setenv("TMPDIR", work.path().c_str(), 1);
+    setenv("ZENTARY_UI_LOG", uiLog.c_str(), 1);
+    if (!options.showUI) setenv("ZENTARY_UI", "headless", 1);
+
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+
+    auto source = DataSourceManager::load(dsPath, &error);
+    if (!source) return fail(kExitFailure, "cannot load " + dsPath + ": " + error);
+    ProgressReporter progress(isatty(STDERR_FILENO) == 1);
+    ScanSession session(*source, options, progress, gInterrupted, work.path(), uiLog);
+    SessionResult result = options.list ? session.list() : session.scan();
+    progress.finish();
+    if (result.exitCode != kExitOk) return fail(result.exitCode, result.message);
+    std::fputs(result.message.c_str(), stdout);
+    if (!result.message.empty() && result.message.back() != '\n') std::fputc('\n', stdout);
+    return kExitOk;
+}
+
+}  // namespace
+}  // namespace zentary
+
+int main(int argc, char** argv)
+{
+    try {
+        return zentary::run(argc, argv);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "zentary-scan: %s\n", e.what());
+        return zentary::kExitFailure;
+    }
+}
