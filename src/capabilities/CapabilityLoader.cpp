@@ -15,6 +15,7 @@
 
 #include "capabilities/CapabilityRecord.h"
 #include "capabilities/ContainerCodec.h"
+#include "platform/Plist.h"
 
 namespace zentary {
 
@@ -28,11 +29,6 @@ constexpr int kMaxValueDepth = 4;
 // Dependency chains are followed recursively when building and propagating;
 // real models need two or three levels.
 constexpr int kMaxDependencyDepth = 32;
-
-struct PlistDeleter {
-    void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
-};
-using PlistPtr = std::unique_ptr<void, PlistDeleter>;
 
 struct FreeDeleter {
     void operator()(void* p) const { std::free(p); }
@@ -333,10 +329,9 @@ std::optional<CapabilityModel> Loader::load(const std::string& xml)
         fail("file", "too large");
         return std::nullopt;
     }
-    plist_t rootNode = nullptr;
-    plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &rootNode);
-    PlistPtr root(rootNode);
-    if (!root || plist_get_node_type(rootNode) != PLIST_DICT) {
+    PlistPtr root = parsePlistDict(xml);
+    plist_t rootNode = root.get();
+    if (!root) {
         fail("file", "not an XML property list with a dictionary at its root");
         return std::nullopt;
     }

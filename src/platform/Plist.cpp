@@ -4,14 +4,20 @@
 
 namespace zentary {
 
-PlistPtr parsePlistDict(std::string_view bytes)
+PlistPtr parsePlist(std::string_view bytes)
 {
     if (bytes.empty() || bytes.size() > kMaxPlistSize) return nullptr;
+    if (bytes.find('\0') != std::string_view::npos || bytes.substr(0, 6) == "bplist") return nullptr;
     plist_t root = nullptr;
-    plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
-    PlistPtr owned(root);
-    if (!owned || plist_get_node_type(root) != PLIST_DICT) return nullptr;
-    return owned;
+    plist_from_xml(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
+    return PlistPtr(root);
+}
+
+PlistPtr parsePlistDict(std::string_view bytes)
+{
+    PlistPtr root = parsePlist(bytes);
+    if (!root || plist_get_node_type(root.get()) != PLIST_DICT) return nullptr;
+    return root;
 }
 
 std::optional<std::string> plistDictString(void* dict, const std::string& key)

@@ -1,5 +1,5 @@
-// Owning wrapper and bounded reading of libplist trees, shared by Bundle and
-// Preferences.
+// Owning wrapper and bounded, safe reading of libplist trees: the one way
+// the data source reads a property list.
 #pragma once
 
 #include <filesystem>
@@ -20,7 +20,11 @@ using PlistPtr = std::unique_ptr<void, PlistFree>;
 // Property lists we read are small; a larger file is refused unread.
 inline constexpr std::size_t kMaxPlistSize = 1024 * 1024;
 
-// An XML or binary property list whose root is a dictionary, or null.
+// An XML property list, or null. Binary ones, and any text holding a NUL
+// byte, are refused unread: libplist aborts the process on a string with a
+// NUL inside, and these bytes come from files anybody may have written.
+PlistPtr parsePlist(std::string_view bytes);
+// The same, when its root is a dictionary.
 PlistPtr parsePlistDict(std::string_view bytes);
 
 // The string value of `key` in a dictionary node.

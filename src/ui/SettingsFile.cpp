@@ -38,11 +38,7 @@ PlistPtr readSettingsDictionary(const std::string& path)
         if (got <= 0) return nullptr;
         done += static_cast<std::size_t>(got);
     }
-    plist_t root = nullptr;
-    plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-    PlistPtr owned(root);
-    if (!root || plist_get_node_type(root) != PLIST_DICT) return nullptr;
-    return owned;
+    return parsePlistDict(std::string_view(data.data(), data.size()));
 }
 
 std::optional<std::string> plistString(plist_t node)

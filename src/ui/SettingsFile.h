@@ -7,17 +7,15 @@
 #include <optional>
 #include <string>
 
+#include "platform/Plist.h"
+
 namespace zentary {
 
-struct PlistDeleter {
-    void operator()(plist_t node) const { plist_free(node); }
-};
-using PlistPtr = std::unique_ptr<void, PlistDeleter>;
 
 // Settings files are a few hundred bytes; anything beyond this is not ours.
 inline constexpr std::size_t kMaxSettingsFileSize = 1024 * 1024;
 
-// The file's root when it is a readable XML or binary dictionary, else null.
+// The file's root when it is a readable XML dictionary, else null.
 PlistPtr readSettingsDictionary(const std::string& path);
 
 // Small accessors that check the node's type first.

@@ -74,7 +74,9 @@ TEST_F(PreferencesTest, ValuesOfOtherTypes)
     writeFile(mFile, std::string(bytes, length));
     plist_to_bin_free(bytes);
     plist_free(dict);
-    EXPECT_EQ(Preferences(kDomain).integer("k"), 2);
+    // Binary property lists are not read: libplist cannot read every one of
+    // them without aborting the process.
+    EXPECT_EQ(Preferences(kDomain).integer("k"), std::nullopt);
 }
 
 TEST_F(PreferencesTest, CorruptFileReadsEmptyAndIsKeptAside)
