@@ -100,6 +100,7 @@ std::string describe(const std::string& window, QWidget* widget)
 HelperWindows::HelperWindows(int fd, bool testing) : mFd(fd), mTesting(testing)
 {
     if (const char* dir = std::getenv("ZENTARY_UI_AUTOPILOT")) mAutopilot = QString::fromUtf8(dir);
+    if (const char* cancel = std::getenv("ZENTARY_UI_AUTOPILOT_CANCEL")) mAutopilotCancel = QString::fromUtf8(cancel);
     mNotifier = new QSocketNotifier(fd, QSocketNotifier::Read);
     QObject::connect(mNotifier, &QSocketNotifier::activated, [this] { readable(); });
 }
@@ -248,7 +249,7 @@ void HelperWindows::showDialog(const UiMessage& message, bool show)
         mDialog->show();
         mDialog->raise();
         mDialog->activateWindow();
-        autopilot(mDialog, "dialog", mScan);
+        autopilot(mDialog, "dialog", mAutopilotCancel == "dialog" ? mCancel : mScan);
     }
 }
 
@@ -307,7 +308,8 @@ void HelperWindows::showProgress(const UiMessage& message, bool show)
         mProgress->show();
         mProgress->raise();
     }
-    if (show || message.number("progress")) autopilot(mProgress, "progress", nullptr);
+    if (show || message.number("progress"))
+        autopilot(mProgress, "progress", mAutopilotCancel == "progress" ? mProgressCancel : nullptr);
 }
 
 void HelperWindows::showAlert(const UiMessage& message)

@@ -49,12 +49,14 @@ private:
     // shown is grabbed to <directory>/<name>-<n>.png and then answered by
     // pressing `press` (Scan in the dialog, the default button of an
     // alert), so that whole acquisitions run with the real windows and leave
-    // pictures of them behind.
+    // pictures of them behind. ZENTARY_UI_AUTOPILOT_CANCEL=dialog or
+    // progress makes it press Cancel in that window instead.
     void autopilot(QWidget* window, const QString& name, QAbstractButton* press);
 
     int mFd;
     bool mTesting;
     QString mAutopilot;
+    QString mAutopilotCancel;
     int mShots = 0;
     QSocketNotifier* mNotifier = nullptr;
     UiLineBuffer mLines;
