@@ -78,21 +78,19 @@ struct Answer {
     std::optional<std::size_t> currentIndex, defaultIndex;
 };
 
-std::optional<Answer> ask(DataSourceManager& source, TW_UINT16 cap, TW_UINT16 message)
+std::optional<Answer> ask(TwainLink& source, TW_UINT16 cap, TW_UINT16 message)
 {
     TW_CAPABILITY capability{cap, TWON_DONTCARE16, nullptr};
     TW_UINT16 rc = source.call(DG_CONTROL, DAT_CAPABILITY, message, &capability);
-    struct Free {
-        TW_HANDLE handle;
-        ~Free() { DataSourceManager::freeHandle(handle); }
-    } owned{capability.hContainer};
+    OwnedHandle owned(source, capability.hContainer);
     if (rc != TWRC_SUCCESS) {
         source.conditionCode();  // clear it: a refused question is not an error here
         return std::nullopt;
     }
-    std::optional<std::size_t> size = DataSourceManager::handleSize(capability.hContainer);
-    if (!capability.hContainer || !size || *size < 2) return std::nullopt;
-    const auto* bytes = static_cast<const std::uint8_t*>(capability.hContainer);
+    std::span<const std::uint8_t> container = owned.bytes();
+    if (container.size() < 2) return std::nullopt;
+    const std::optional<std::size_t> size = container.size();
+    const std::uint8_t* bytes = container.data();
     Answer answer;
     answer.conType = capability.ConType;
     std::memcpy(&answer.itemType, bytes, 2);
@@ -165,18 +163,16 @@ std::string single(const std::optional<Answer>& answer)
     return answer->items.front();
 }
 
-std::vector<TW_UINT16> supportedCapabilities(DataSourceManager& source)
+std::vector<TW_UINT16> supportedCapabilities(TwainLink& source)
 {
     std::vector<TW_UINT16> caps;
     TW_CAPABILITY capability{CAP_SUPPORTEDCAPS, TWON_DONTCARE16, nullptr};
     TW_UINT16 rc = source.call(DG_CONTROL, DAT_CAPABILITY, MSG_GET, &capability);
-    struct Free {
-        TW_HANDLE handle;
-        ~Free() { DataSourceManager::freeHandle(handle); }
-    } owned{capability.hContainer};
-    std::optional<std::size_t> size = DataSourceManager::handleSize(capability.hContainer);
-    if (rc != TWRC_SUCCESS || capability.ConType != TWON_ARRAY || !size || *size < 6) return caps;
-    const auto* bytes = static_cast<const std::uint8_t*>(capability.hContainer);
+    OwnedHandle owned(source, capability.hContainer);
+    std::span<const std::uint8_t> container = owned.bytes();
+    if (rc != TWRC_SUCCESS || capability.ConType != TWON_ARRAY || container.size() < 6) return caps;
+    const std::optional<std::size_t> size = container.size();
+    const std::uint8_t* bytes = container.data();
     std::uint32_t count;
     std::memcpy(&count, bytes + 2, 4);
     for (std::uint32_t i = 0; i < count && 6 + 2 * (i + 1) <= *size; ++i) {
@@ -207,7 +203,7 @@ std::string joinValues(const std::vector<std::string>& values, const char* separ
     return out;
 }
 
-CapabilityValues capabilityValues(DataSourceManager& source, TW_UINT16 cap)
+CapabilityValues capabilityValues(TwainLink& source, TW_UINT16 cap)
 {
     CapabilityValues values;
     std::optional<Answer> all = ask(source, cap, MSG_GET);
@@ -225,7 +221,7 @@ CapabilityValues capabilityValues(DataSourceManager& source, TW_UINT16 cap)
     return values;
 }
 
-std::string listTable(DataSourceManager& source)
+std::string listTable(TwainLink& source)
 {
     const TW_IDENTITY& id = source.source();
     std::string out = field(id.ProductName) + " by " + field(id.Manufacturer) + ", version " + identityVersion(id) +
@@ -246,7 +242,7 @@ std::string listTable(DataSourceManager& source)
     return out;
 }
 
-std::string listJson(DataSourceManager& source)
+std::string listJson(TwainLink& source)
 {
     const TW_IDENTITY& id = source.source();
     std::string out = "{\"identity\":{\"manufacturer\":" + jsonQuoted(field(id.Manufacturer)) +

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "DataSourceManager.h"
+#include "TwainLink.h"
 
 namespace zentary {
 
@@ -20,10 +20,10 @@ struct CapabilityValues {
 };
 
 // Items of an answer are read only within the handle the source allocated.
-CapabilityValues capabilityValues(DataSourceManager& source, TW_UINT16 cap);
+CapabilityValues capabilityValues(TwainLink& source, TW_UINT16 cap);
 std::string joinValues(const std::vector<std::string>& values, const char* separator);
 
-std::string listTable(DataSourceManager& source);
-std::string listJson(DataSourceManager& source);
+std::string listTable(TwainLink& source);
+std::string listJson(TwainLink& source);
 
 }  // namespace zentary

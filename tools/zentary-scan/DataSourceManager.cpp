@@ -105,6 +105,11 @@ std::optional<std::size_t> DataSourceManager::handleSize(TW_HANDLE handle)
     return it->second;
 }
 
+TW_HANDLE DataSourceManager::allocate(TW_UINT32 size)
+{
+    return memAllocate(size);
+}
+
 void DataSourceManager::freeHandle(TW_HANDLE handle)
 {
     memFree(handle);

@@ -48,6 +48,7 @@ struct ScanOptions {
     bool json = false;
     bool overwrite = false;
     std::string dsmPath;     // empty: the built-in manager
+    std::string sourceName = "Tarvell Zentary Q305 MFP";  // the source to ask an installed manager for
     std::string sourcePath;  // empty: found beside the tool or in the usual places
 };
 

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -38,21 +39,23 @@ TW_UINT32 fix32Item(TW_FIX32 fix)
     return item;
 }
 
-// The container handle the source allocated, freed when done.
-struct Container {
-    TW_HANDLE handle = nullptr;
-    ~Container() { DataSourceManager::freeHandle(handle); }
-};
-
-TW_UINT16 setOneValue(DataSourceManager& source, TW_UINT16 cap, TW_UINT16 itemType, TW_UINT32 item)
+TW_UINT16 setOneValue(TwainLink& source, TW_UINT16 cap, TW_UINT16 itemType, TW_UINT32 item)
 {
-    auto* one = static_cast<TW_ONEVALUE*>(std::calloc(1, sizeof(TW_ONEVALUE)));
-    if (!one) return TWRC_FAILURE;
+    // The container goes through the manager's memory functions, as the
+    // source expects of every handle it is given.
+    TW_HANDLE handle = source.allocate(sizeof(TW_ONEVALUE));
+    if (!handle) return TWRC_FAILURE;
+    auto* one = static_cast<TW_ONEVALUE*>(source.lock(handle));
+    if (!one) {
+        source.release(handle);
+        return TWRC_FAILURE;
+    }
     one->ItemType = itemType;
     one->Item = item;
-    TW_CAPABILITY capability{cap, TWON_ONEVALUE, one};
+    source.unlock(handle);
+    TW_CAPABILITY capability{cap, TWON_ONEVALUE, handle};
     TW_UINT16 rc = source.call(DG_CONTROL, DAT_CAPABILITY, MSG_SET, &capability);
-    std::free(one);
+    source.release(handle);
     return rc;
 }
 
@@ -67,7 +70,7 @@ std::string describe(const TW_IMAGEINFO& info, OutputFormat format, std::uintmax
 
 }  // namespace
 
-ScanSession::ScanSession(DataSourceManager& source, const ScanOptions& options, ProgressReporter& progress,
+ScanSession::ScanSession(TwainLink& source, const ScanOptions& options, ProgressReporter& progress,
                          const std::atomic<bool>& interrupted, std::string workDir, std::string uiLog)
     : mSource(source), mOptions(options), mProgress(progress), mInterrupted(interrupted),
       mWorkDir(std::move(workDir)), mUiLog(std::move(uiLog))
@@ -123,8 +126,8 @@ SessionResult ScanSession::negotiate()
         setOneValue(mSource, ICAP_XRESOLUTION, TWTY_FIX32, fix32Item(dpi)) != TWRC_SUCCESS) {
         std::string valid = joinValues(capabilityValues(mSource, ICAP_XRESOLUTION).valid, ", ");
         mSource.conditionCode();  // consumed: the message names the valid values instead
-        return {kExitUsage, "the scanner does not offer " + std::to_string(mOptions.resolution) +
-                                " dpi; valid resolutions: " + valid};
+        return {kExitUsage, "the scanner does not offer " + std::to_string(mOptions.resolution) + " dpi" +
+                                (valid.empty() ? "" : "; valid resolutions: " + valid)};
     }
     TW_UINT16 mechanism = mOptions.mechanism == Mechanism::Native   ? TWSX_NATIVE
                           : mOptions.mechanism == Mechanism::Memory ? TWSX_MEMORY
@@ -211,11 +214,10 @@ SessionResult ScanSession::transferNative(const TW_IMAGEINFO& info, const std::s
 {
     TW_HANDLE handle = nullptr;
     TW_UINT16 rc = mSource.call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle);
-    Container owned{handle};
+    OwnedHandle owned(mSource, handle);
     if (rc != TWRC_XFERDONE) return failure(kExitFailure, "the native transfer failed");
-    std::optional<std::size_t> size = DataSourceManager::handleSize(handle);
-    if (!handle || !size) return {kExitFailure, "the native transfer handed over no image"};
-    std::span<const std::uint8_t> bytes(static_cast<const std::uint8_t*>(handle), *size);
+    std::span<const std::uint8_t> bytes = owned.bytes();
+    if (bytes.empty()) return {kExitFailure, "the native transfer handed over no image"};
     bool isTiff = bytes.size() >= 4 && (std::memcmp(bytes.data(), "II*\0", 4) == 0 ||
                                         std::memcmp(bytes.data(), "MM\0*", 4) == 0);
     if (!isTiff) {

@@ -8,7 +8,7 @@
 #include <atomic>
 #include <string>
 
-#include "DataSourceManager.h"
+#include "TwainLink.h"
 #include "Feedback.h"
 #include "ScanOptions.h"
 
@@ -23,7 +23,7 @@ class ScanSession {
 public:
     // `workDir` is the private directory the data source was given as
     // TMPDIR; `uiLog` the file it was given as ZENTARY_UI_LOG.
-    ScanSession(DataSourceManager& source, const ScanOptions& options, ProgressReporter& progress,
+    ScanSession(TwainLink& source, const ScanOptions& options, ProgressReporter& progress,
                 const std::atomic<bool>& interrupted, std::string workDir, std::string uiLog);
 
     SessionResult scan();
@@ -42,7 +42,7 @@ private:
     void windDown();
     double scanFraction() const;
 
-    DataSourceManager& mSource;
+    TwainLink& mSource;
     const ScanOptions& mOptions;
     ProgressReporter& mProgress;
     const std::atomic<bool>& mInterrupted;

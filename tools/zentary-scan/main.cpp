@@ -14,6 +14,7 @@
 
 #include "DataSourceManager.h"
 #include "Feedback.h"
+#include "InstalledManager.h"
 #include "ScanOptions.h"
 #include "ScanSession.h"
 #include "emulator/EmulatorOptions.h"
@@ -127,10 +128,19 @@ EXIT STATUS
   1    the scan or the transfer failed in the data source, or writing failed
   2    usage error: bad option, resolution not offered, output path not
        writable or already there; nothing was scanned
-  3    device error: no scanner, or the scanner failed during the scan
+  3    device error: no scanner, the scanner failed during the scan, or
+       the TWAIN manager given with --dsm is unusable or lacks the source
   130  cancelled (Ctrl-C, or Cancel in the dialog)
   Errors are one line on stderr naming the TWAIN condition code (TWCC_...)
   and the alert the data source showed.
+
+TWAIN MANAGER
+  By default the tool loads the data source itself. With --dsm PATH it goes
+  through an installed TWAIN 2 Data Source Manager instead, as any TWAIN
+  application does, and asks it for the source named by --source-name. The
+  transfer is then memory unless --xfer file is given: a manager's handles
+  do not tell their size, so native transfers and --list are not offered
+  through one.
 
 ENVIRONMENT
   ZENTARY_UI      with --ui: unset shows windows when there is a display;
@@ -143,6 +153,7 @@ EXAMPLES
   zentary-scan --mode gray --resolution 150 --area 1,1,4,3in --xfer memory page.jpg
   zentary-scan --device emulator:mbps=40,fault=disconnect@120 test.tif
   zentary-scan --list --json
+  zentary-scan --dsm /usr/local/lib/libtwaindsm.so --device emulator scan.tif
 )";
 }
 
@@ -162,7 +173,7 @@ int run(int argc, char** argv)
     app.add_option("-a,--area", area,
                    "Scan frame: letter (default), a4, or LEFT,TOP,WIDTH,HEIGHT from the glass's top-left "
                    "corner in inches, or with the suffix mm in millimetres");
-    app.add_option("-x,--xfer", mechanism, "TWAIN transfer mechanism: native (default), memory or file")
+    app.add_option("-x,--xfer", mechanism, "TWAIN transfer mechanism: native (default; memory with --dsm), memory or file")
         ->check(CLI::IsMember({"native", "memory", "file"}));
     app.add_flag("--ui", options.showUI, "Show the data source's dialog instead of scanning at once");
     app.add_option("-d,--device", device, "auto (default), usb, emulator or emulator:OPTIONS");
@@ -170,6 +181,11 @@ int run(int argc, char** argv)
     app.add_flag("-l,--list", options.list, "Show the source's identity and every capability, then exit");
     app.add_flag("--json", options.json, "With --list: print JSON");
     app.add_option("--source", options.sourcePath, "The data source (.ds) to load (default: the installed one)");
+    app.add_option("--dsm", options.dsmPath,
+                   "Go through this installed TWAIN manager (e.g. /usr/local/lib/libtwaindsm.so) instead of "
+                   "loading the data source directly");
+    app.add_option("--source-name", options.sourceName,
+                   "With --dsm: the source's product name (default \"Tarvell Zentary Q305 MFP\")");
     app.set_version_flag("-V,--version", std::string("zentary-scan ") + ZENTARY_VERSION);
     try {
         app.parse(argc, argv);
@@ -191,6 +207,18 @@ int run(int argc, char** argv)
     if (!parseArea(area, &options.area, &error) || !parseDevice(device, &options.device, &error))
         return fail(kExitUsage, error);
     if (options.json && !options.list) return fail(kExitUsage, "--json goes with --list");
+    if (!options.dsmPath.empty()) {
+        // A manager's memory functions cannot tell a handle's size, so the
+        // handles a native transfer and the capability answers come in are
+        // never read through one.
+        if (!options.sourcePath.empty()) return fail(kExitUsage, "--source and --dsm exclude each other");
+        if (options.list) return fail(kExitUsage, "--list cannot go through --dsm: use it without --dsm");
+        if (app.count("--xfer") && options.mechanism == Mechanism::Native)
+            return fail(kExitUsage, "--xfer native cannot go through --dsm: use --xfer memory or file");
+        if (!app.count("--xfer")) options.mechanism = Mechanism::Memory;
+    } else if (app.count("--source-name")) {
+        return fail(kExitUsage, "--source-name goes with --dsm");
+    }
     if (!options.list) {
         if (options.output.empty()) return fail(kExitUsage, "no output file given (see --help)");
         std::optional<OutputFormat> format = formatForPath(options.output);
@@ -230,8 +258,11 @@ int run(int argc, char** argv)
         break;
     }
 
-    std::string dsPath = options.sourcePath.empty() ? findDataSource() : options.sourcePath;
-    if (dsPath.empty()) return fail(kExitFailure, "cannot find ZentaryQ305.ds (give its path with --source)");
+    std::string dsPath;
+    if (options.dsmPath.empty()) {
+        dsPath = options.sourcePath.empty() ? findDataSource() : options.sourcePath;
+        if (dsPath.empty()) return fail(kExitFailure, "cannot find ZentaryQ305.ds (give its path with --source)");
+    }
     WorkDir work;
     if (work.path().empty()) return fail(kExitFailure, "cannot make a temporary folder");
     std::string uiLog = work.path() + "/ui.log";
@@ -246,8 +277,15 @@ int run(int argc, char** argv)
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 
-    auto source = DataSourceManager::load(dsPath, &error);
-    if (!source) return fail(kExitFailure, "cannot load " + dsPath + ": " + error);
+    std::unique_ptr<TwainLink> source;
+    if (!options.dsmPath.empty()) {
+        // The manager loads the source while it lists them: the environment above is set first.
+        source = InstalledManager::load(options.dsmPath, options.sourceName, &error);
+        if (!source) return fail(kExitDevice, error);
+    } else {
+        source = DataSourceManager::load(dsPath, &error);
+        if (!source) return fail(kExitFailure, "cannot load " + dsPath + ": " + error);
+    }
     ProgressReporter progress(isatty(STDERR_FILENO) == 1);
     ScanSession session(*source, options, progress, gInterrupted, work.path(), uiLog);
     SessionResult result = options.list ? session.list() : session.scan();

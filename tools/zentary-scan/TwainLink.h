@@ -1,0 +1,77 @@
+// What a scan needs from the path to the data source: triplets to the open
+// source, the messages it sends back, and the memory functions its handles
+// belong to. The built-in manager (DataSourceManager) and an installed TWAIN
+// manager (InstalledManager) both provide it, so negotiation, transfers and
+// error texts are one code path whichever carries the triplets.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "twain/twain.h"
+
+namespace zentary {
+
+class TwainLink {
+public:
+    virtual ~TwainLink() = default;
+
+    // The source's identity as it was reported.
+    virtual TW_IDENTITY& source() = 0;
+    // A triplet from the application to the open source.
+    virtual TW_UINT16 call(TW_UINT32 group, TW_UINT16 type, TW_UINT16 message, TW_MEMREF data) = 0;
+    virtual TW_UINT16 open() = 0;
+    virtual TW_UINT16 close() = 0;
+    // DAT_STATUS: the source's condition code (the call clears it).
+    virtual TW_UINT16 conditionCode() = 0;
+    // MSG_XFERREADY, MSG_CLOSEDSREQ, ... as the source sent them, oldest
+    // first; waits up to `timeout`.
+    virtual std::optional<TW_UINT16> waitForMessage(std::chrono::milliseconds timeout) = 0;
+
+    // Handles, through the memory functions the source also uses.
+    virtual TW_HANDLE allocate(TW_UINT32 size) = 0;
+    virtual void release(TW_HANDLE handle) = 0;
+    virtual TW_MEMREF lock(TW_HANDLE handle) = 0;
+    virtual void unlock(TW_HANDLE handle) = 0;
+    // The allocated size of a handle the source gave us, or nothing when it
+    // cannot be known: such a handle is never read.
+    virtual std::optional<std::size_t> sizeOf(TW_HANDLE handle) = 0;
+};
+
+// A handle the source handed over: ours to free, readable only within its
+// allocated size.
+class OwnedHandle {
+public:
+    OwnedHandle(TwainLink& link, TW_HANDLE handle) : mLink(link), mHandle(handle) {}
+    ~OwnedHandle()
+    {
+        if (mLocked) mLink.unlock(mHandle);
+        if (mHandle) mLink.release(mHandle);
+    }
+    OwnedHandle(const OwnedHandle&) = delete;
+    OwnedHandle& operator=(const OwnedHandle&) = delete;
+
+    // Empty when there is no handle or its size is unknown.
+    std::span<const std::uint8_t> bytes()
+    {
+        if (!mHandle) return {};
+        std::optional<std::size_t> size = mLink.sizeOf(mHandle);
+        if (!size) return {};
+        if (!mLocked) {
+            mData = mLink.lock(mHandle);
+            mLocked = true;
+        }
+        if (!mData) return {};
+        return {static_cast<const std::uint8_t*>(mData), *size};
+    }
+
+private:
+    TwainLink& mLink;
+    TW_HANDLE mHandle;
+    TW_MEMREF mData = nullptr;
+    bool mLocked = false;
+};
+
+}  // namespace zentary
