@@ -306,6 +306,7 @@ inline constexpr TW_UINT16 MSG_ENABLEDSUIONLY = 0x0503;
 inline constexpr TW_UINT16 MSG_PROCESSEVENT = 0x0601;
 inline constexpr TW_UINT16 MSG_ENDXFER = 0x0701;
 inline constexpr TW_UINT16 MSG_STOPFEEDER = 0x0702;
+inline constexpr TW_UINT16 MSG_REGISTER_CALLBACK = 0x0902;
 
 // Return codes.
 inline constexpr TW_UINT16 TWRC_SUCCESS = 0;

@@ -11,9 +11,6 @@ using namespace twain;
 
 namespace {
 
-// TWAIN 2.x: not among the shared declarations yet.
-constexpr TW_UINT16 kMsgRegisterCallback = 0x0902;
-
 // The callback has no room for a pointer (RefCon is 32 bits), so the one
 // manager this process uses is found here.
 std::atomic<InstalledManager*> gInstalled{nullptr};
@@ -133,7 +130,7 @@ TW_UINT16 InstalledManager::open()
     // Without the callback we would never hear that the image is ready.
     TW_CALLBACK callback{};
     callback.CallBackProc = reinterpret_cast<TW_MEMREF>(&InstalledManager::callback);
-    if (call(DG_CONTROL, DAT_CALLBACK, kMsgRegisterCallback, &callback) != TWRC_SUCCESS) {
+    if (call(DG_CONTROL, DAT_CALLBACK, MSG_REGISTER_CALLBACK, &callback) != TWRC_SUCCESS) {
         close();
         return TWRC_FAILURE;
     }

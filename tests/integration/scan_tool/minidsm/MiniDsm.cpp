@@ -26,7 +26,6 @@ namespace {
 
 using namespace twain;
 
-constexpr TW_UINT16 kMsgRegisterCallback = 0x0902;
 
 struct Found {
     std::string path;
@@ -202,7 +201,7 @@ TW_UINT16 DSM_Entry(TW_IDENTITY* pOrigin, TW_IDENTITY* pDest, TW_UINT32 DG, TW_U
             app = s.app;
         } else {
             if (!s.library || pOrigin->Id != s.appId || pDest->Id != s.source.Id) return fail(s, TWCC_BADDEST);
-            if (DG == DG_CONTROL && DAT == DAT_CALLBACK && MSG == kMsgRegisterCallback) {
+            if (DG == DG_CONTROL && DAT == DAT_CALLBACK && MSG == MSG_REGISTER_CALLBACK) {
                 auto* record = static_cast<TW_CALLBACK*>(pData);
                 if (!record || !record->CallBackProc) return fail(s, TWCC_BADVALUE);
                 s.callback = reinterpret_cast<DSMENTRYPROC>(record->CallBackProc);
