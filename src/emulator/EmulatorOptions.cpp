@@ -39,6 +39,7 @@ const char* emulatorOptionsHelp()
            "    rows=N             image rows per data packet; default: as many as fit in 1 MiB\n"
            "    packet=N           bulk-in max packet size in bytes, 8..1024; default 512\n"
            "    serial=TEXT        the device's serial number; default ZQ305EMU0001\n"
+           "    lockfile=PATH      the file PATH exists while the scanner is reserved\n"
            "    fault=NAME[@N]     inject a fault (the option may be repeated):\n"
            "      lock-refused       the scanner refuses to be reserved\n"
            "      not-ready@N        the scanner is not ready for the first N polls (default 1)\n"
@@ -88,6 +89,12 @@ bool parseEmulatorOptions(std::string_view text, EmulatorOptions* options, std::
             options->maxPacketSize = std::uint16_t(number);
         } else if (key == "serial") {
             options->serialNumber = std::string(value);
+        } else if (key == "lockfile") {
+            if (value.empty()) {
+                *error = "lockfile needs a path";
+                return false;
+            }
+            options->lockFile = std::string(value);
         } else if (key == "fault") {
             auto at = value.find('@');
             std::string_view name = value.substr(0, at);

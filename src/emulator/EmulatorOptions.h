@@ -32,6 +32,10 @@ struct EmulatorOptions {
     std::uint32_t rowsPerPacket = 0;   // 0: as many as fit in 1 MiB
     std::uint16_t maxPacketSize = 512; // bulk-in, as on a high-speed device
     std::string serialNumber = "ZQ305EMU0001";
+    // While the scanner is reserved this file exists, like the busy light
+    // on the device: a test in another binary than the data source can see
+    // whether a failed scan left the scanner locked. Empty: no such file.
+    std::string lockFile;
     std::vector<EmulatorFaultRule> faults;
 };
 

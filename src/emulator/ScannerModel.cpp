@@ -3,6 +3,9 @@
 #include "emulator/TestChart.h"
 #include "scanlib/usb/UsbTransport.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <cstring>
 #include <thread>
@@ -52,6 +55,18 @@ bool ScannerModel::faultHitsPacket(EmulatorFault kind, std::uint32_t firstRow, s
     if (rule->argument < firstRow || rule->argument - firstRow >= count) return false;
     mFaultFired[index] = true;
     return true;
+}
+
+void ScannerModel::showLock()
+{
+    const std::string& path = mOptions.lockFile;
+    if (path.empty()) return;
+    if (mLocked) {
+        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd >= 0) ::close(fd);
+    } else {
+        ::unlink(path.c_str());
+    }
 }
 
 int ScannerModel::commandCount(std::uint32_t message) const
@@ -131,11 +146,13 @@ int ScannerModel::receive(const std::uint8_t* data, std::uint32_t size)
             reply(kScanMsgLock, kStatusRefused);
         } else {
             mLocked = true;
+            showLock();
             reply(kScanMsgLock, 0);
         }
         break;
     case kScanMsgUnlock:
         mLocked = false;
+        showLock();
         reply(kScanMsgUnlock, 0);
         break;
     case kScanMsgCheckReady:
@@ -292,7 +309,12 @@ bool ScannerModel::nextMessage()
         std::uint32_t count = std::min(job.rowsPerPacket, job.rows - job.rowsSent);
         if (faultHitsPacket(EmulatorFault::Stall, job.rowsSent, count)) mStalled = true;
         if (faultHitsPacket(EmulatorFault::Timeout, job.rowsSent, count)) mSilent = true;
-        if (faultHitsPacket(EmulatorFault::Disconnect, job.rowsSent, count)) mGone = true;
+        if (faultHitsPacket(EmulatorFault::Disconnect, job.rowsSent, count)) {
+            // Unplugged, the scanner forgets its reservation with everything else.
+            mGone = true;
+            mLocked = false;
+            showLock();
+        }
         if (mStalled || mSilent || mGone) return false;
         buildDataPacket();
         if (job.rowsSent >= job.rows) job.stage = fault(EmulatorFault::NoImageEnd) ? kStagePageEnd : kStageImageEnd;

@@ -63,6 +63,7 @@ private:
     const EmulatorFaultRule* fault(EmulatorFault kind) const;
     bool faultHitsPacket(EmulatorFault kind, std::uint32_t firstRow, std::uint32_t count);
     void throttle(std::uint32_t bytes);
+    void showLock();  // the lock file follows mLocked
 
     EmulatorOptions mOptions;
     mutable std::mutex mMutex;
