@@ -202,12 +202,17 @@ TW_UINT16 DataSourceEngine::enable(TW_USERINTERFACE& info, TW_UINT16* conditionC
 
 void DataSourceEngine::disable()
 {
-    cancelTimer(mImageCaptureMultipleScanTimer);
+    // Whatever the enabled session had under way ends here: a retry, the
+    // announcement of a scan that just completed, the Image Capture timer.
+    // The scan they belong to is gone, and so is its raw file.
+    cancelAllTimers();
+    stopObservingScans();
     if (mDialog)
         releaseDialog();
     else if (mProgressDialog)
         closeProgress();
     if (mScanner) mScanner->closeSession();
+    deleteImageFile();
     mState = kStateOpen;
 }
 

@@ -145,9 +145,7 @@ DataSourceEngine::~DataSourceEngine()
     // timer. Observers go first, since closing a running session delivers
     // the end of its scan while it waits.
     stopObservingScans();
-    if (mLoop)
-        for (RunLoop::TimerId id : mTimers) mLoop->cancel(id);
-    mTimers.clear();
+    cancelAllTimers();
     stopUserInterface();
     if (mScanner) mScanner->closeSession();
     mScanner.reset();

@@ -132,6 +132,7 @@ private:
     // Runs `task` on the loop after `delay` unless the engine is gone by then.
     RunLoop::TimerId schedule(std::chrono::milliseconds delay, std::function<void()> task);
     void cancelTimer(std::optional<RunLoop::TimerId>& timer);
+    void cancelAllTimers();
 
     // The settings dialog and the progress window.
     void startUserInterface();

@@ -70,6 +70,14 @@ RunLoop::TimerId DataSourceEngine::schedule(std::chrono::milliseconds delay, std
     return *id;
 }
 
+void DataSourceEngine::cancelAllTimers()
+{
+    if (mLoop)
+        for (RunLoop::TimerId id : mTimers) mLoop->cancel(id);
+    mTimers.clear();
+    mImageCaptureMultipleScanTimer.reset();
+}
+
 void DataSourceEngine::cancelTimer(std::optional<RunLoop::TimerId>& timer)
 {
     if (!timer) return;

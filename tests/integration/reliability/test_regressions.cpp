@@ -20,7 +20,7 @@ protected:
 // transfer is not yet announced (that waits 0.25 s) when the client disables
 // and enables again. The first scan's raw file must not be orphaned, and its
 // announcement must not put the new session into the transfer state.
-TEST_F(Regressions, DISABLED_ReenablingBeforeTheTransferIsAnnouncedOrphansNothing)
+TEST_F(Regressions, ReenablingBeforeTheTransferIsAnnouncedOrphansNothing)
 {
     test::ScopedEnv scanner("ZENTARY_SCANNER", this->scanner("mbps=1"));  // about 0.1 s a scan
     auto source = openSmall();
