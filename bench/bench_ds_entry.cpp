@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "DataSourceManager.h"
+#include "ProcessResources.h"
 #include "support/Triplets.h"
 
 namespace {
@@ -63,4 +64,12 @@ BENCHMARK(enableToTransferReady)->UseManualTime()->Unit(benchmark::kMillisecond)
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv)
+{
+    const zentary::bench::ProcessResources before;
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    zentary::bench::reportResources(before);
+    return 0;
+}

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "DataSourceManager.h"
+#include "ProcessResources.h"
 
 extern char** environ;
 
@@ -335,9 +336,11 @@ int main(int argc, char** argv)
     setenv("ZENTARY_SCANNER", "emulator", 1);
     setenv("ZENTARY_UI", "headless", 1);
     unsetenv("ZENTARY_NATIVE");
+    const zentary::bench::ProcessResources before;
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    zentary::bench::reportResources(before);
     std::filesystem::remove_all(gScratch);
     return 0;
 }

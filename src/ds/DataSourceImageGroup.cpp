@@ -1,6 +1,7 @@
 // The DG_IMAGE triplets: image information, the scan frame, and the three
 // ways of handing the image over.
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -73,6 +74,34 @@ TW_HANDLE handleWithBytes(const std::vector<std::uint8_t>& bytes)
     }
     std::memcpy(memory, bytes.data(), bytes.size());
     Manager::unlock(handle);
+    Manager::handOver(handle);
+    return handle;
+}
+
+// The image as a TIFF written straight into a handle of the client's. An
+// uncompressed TIFF of a given image always has the same size, so a first
+// pass that only counts sizes the handle and the second writes into it: the
+// file never exists twice, nor in memory that grows by reallocation. Null
+// with `made` false when the TIFF cannot be written, true when the memory
+// cannot be had.
+TW_HANDLE handleWithTiff(const OffscreenImage& image, bool* made)
+{
+    CountingSink counter;
+    *made = writeTiff(image, counter);
+    if (!*made) return nullptr;
+    if constexpr (sizeof(std::size_t) < sizeof(std::uint64_t))
+        if (counter.position() > static_cast<std::uint64_t>(static_cast<std::size_t>(-1))) return nullptr;
+    const auto size = static_cast<std::size_t>(counter.position());
+    TW_HANDLE handle = Manager::allocate(size);
+    if (!handle) return nullptr;
+    void* memory = Manager::lock(handle);
+    FixedMemorySink sink(memory, size);
+    *made = memory && writeTiff(image, sink) && sink.position() == size;
+    if (memory) Manager::unlock(handle);
+    if (!memory || !*made) {
+        Manager::free(handle);
+        return nullptr;
+    }
     Manager::handOver(handle);
     return handle;
 }
@@ -227,16 +256,16 @@ TW_UINT16 DataSourceEngine::nativeTransfer(TW_UINT16 message, TW_HANDLE* picture
         DSAlerts::displayMessage(8);
         return failWith(conditionCode, TWCC_OPERATIONERROR);
     }
-    std::vector<std::uint8_t> bytes;
-    bool made;
+    bool made = false;
+    TW_HANDLE handle = nullptr;
     if (nativeIsPict()) {
+        std::vector<std::uint8_t> bytes;
         made = recordPicture(*image, bytes);
+        image.reset();  // before the handle exists: one copy of the pixels less at the peak
+        if (made) handle = handleWithBytes(bytes);
     } else {
-        MemorySink sink(bytes);
-        made = writeTiff(*image, sink);
+        handle = handleWithTiff(*image, &made);
     }
-    image.reset();  // before the handle exists: one copy of the pixels less at the peak
-    TW_HANDLE handle = made ? handleWithBytes(bytes) : nullptr;
     if (!handle) return failWith(conditionCode, made ? TWCC_LOWMEMORY : TWCC_OPERATIONERROR);
     *picture = handle;  // the client owns it from here on
     mState = kStateTransferring;

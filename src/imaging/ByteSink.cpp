@@ -25,6 +25,19 @@ bool MemorySink::writeAt(std::uint64_t offset, const void* data, std::size_t len
     return true;
 }
 
+bool FixedMemorySink::write(const void* data, std::size_t length) {
+    if (length > mCapacity - mPosition) return false;
+    if (length > 0) std::memcpy(mMemory + mPosition, data, length);
+    mPosition += length;
+    return true;
+}
+
+bool FixedMemorySink::writeAt(std::uint64_t offset, const void* data, std::size_t length) {
+    if (offset > mPosition || length > mPosition - offset) return false;
+    if (length > 0) std::memcpy(mMemory + offset, data, length);
+    return true;
+}
+
 FdSink::FdSink(int fd) : mFd(fd) {
     const off_t start = ::lseek(fd, 0, SEEK_CUR);
     mStart = start > 0 ? static_cast<std::uint64_t>(start) : 0;

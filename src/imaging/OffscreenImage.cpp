@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <limits>
 #include <new>
+#include <sys/mman.h>
+#include <sys/stat.h>
 
 namespace zentary {
 
@@ -56,6 +58,43 @@ std::unique_ptr<OffscreenImage> OffscreenImage::create(int depth, const Rect& bo
     return image;
 }
 
+std::unique_ptr<OffscreenImage> OffscreenImage::createMapped(int depth, const Rect& bounds, int fd,
+                                                             std::size_t offset) {
+    if (depth != 8 && depth != 32) return nullptr;
+    const int width = bounds.width();
+    const int height = bounds.height();
+    if (width <= 0 || height <= 0 || width > kMaximumCoordinate || height > kMaximumCoordinate) return nullptr;
+    // Both factors are below 2^15 and bytes per pixel at most 4: no overflow.
+    const std::size_t rowBytes = static_cast<std::size_t>(width) * static_cast<std::size_t>(depth / 8);
+    const std::size_t pixelBytes = rowBytes * static_cast<std::size_t>(height);
+    struct stat info;
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 0 ||
+        offset > std::numeric_limits<std::size_t>::max() - pixelBytes ||
+        static_cast<std::uint64_t>(info.st_size) < offset + pixelBytes)
+        return nullptr;
+
+    // The mapping starts at the file's first byte (mmap offsets are whole
+    // pages); the header before `offset` costs one page at most.
+    const std::size_t length = offset + pixelBytes;
+    void* mapping = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0);
+    if (mapping == MAP_FAILED) return nullptr;
+    // The exporters read each row once, front to back.
+    ::madvise(mapping, length, MADV_SEQUENTIAL);
+    std::unique_ptr<OffscreenImage> image(new (std::nothrow) OffscreenImage);
+    if (!image) {
+        ::munmap(mapping, length);
+        return nullptr;
+    }
+    image->mDepth = depth;
+    image->mBounds = bounds;
+    image->mRowBytes = rowBytes;
+    image->mPixels = static_cast<std::uint8_t*>(mapping) + offset;
+    image->mMapping = mapping;
+    image->mMappingLength = length;
+    if (depth == 8) image->mColorTable = grayTable();
+    return image;
+}
+
 std::unique_ptr<OffscreenImage> OffscreenImage::createByExample(const OffscreenImage& example) {
     auto image = create(example.mDepth, example.mBounds);
     if (image) image->setResolution(example.mHRes, example.mVRes);
@@ -63,7 +102,10 @@ std::unique_ptr<OffscreenImage> OffscreenImage::createByExample(const OffscreenI
 }
 
 OffscreenImage::~OffscreenImage() {
-    std::free(mPixels);
+    if (mMapping != nullptr)
+        ::munmap(mMapping, mMappingLength);
+    else
+        std::free(mPixels);
 }
 
 }  // namespace zentary

@@ -3,7 +3,9 @@
 //
 // Two kinds exist. Depth 8 is indexed gray with a 256-entry table in which
 // index 0 is black and 255 white, so raw gray bytes are stored unchanged.
-// Depth 32 holds alpha, red, green, blue bytes in that order in memory.
+// Depth 32 holds alpha, red, green, blue bytes in that order in memory; no
+// reader may rely on the alpha byte (an image mapped from a raw scan file
+// keeps whatever the scanner left there), nor on any alignment of rows.
 #pragma once
 
 #include <cstddef>
@@ -52,6 +54,15 @@ public:
     // an empty or oversized rectangle, or when the memory cannot be had.
     static std::unique_ptr<OffscreenImage> create(int depth, const Rect& bounds);
 
+    // An image whose rows are the bytes of the regular file `fd` from
+    // `offset` on, back to back (rowBytes = width x bytes per pixel), mapped
+    // privately: writes stay in this process, and no pixel is copied until
+    // it is written. Null under the same rules as create(), and when the
+    // file is shorter than the rows need (touching a page past its end would
+    // kill the process) or cannot be mapped. The descriptor may be closed
+    // afterwards; the mapping lives as long as the image.
+    static std::unique_ptr<OffscreenImage> createMapped(int depth, const Rect& bounds, int fd, std::size_t offset);
+
     // Same depth, bounds and resolution as `example`, pixels not copied.
     static std::unique_ptr<OffscreenImage> createByExample(const OffscreenImage& example);
 
@@ -87,6 +98,9 @@ private:
     Rect mBounds;
     std::size_t mRowBytes = 0;
     std::uint8_t* mPixels = nullptr;
+    // Set for a mapped image: what munmap needs, mPixels lying inside it.
+    void* mMapping = nullptr;
+    std::size_t mMappingLength = 0;
     Fixed mHRes = long2Fix(72);
     Fixed mVRes = long2Fix(72);
     std::vector<RGBColor> mColorTable;

@@ -144,10 +144,21 @@ std::unique_ptr<OffscreenImage> newGWorldFromRawFile(const std::string& path) {
     if (rowsInFile == 0) return nullptr;
 
     const bool gray = header.bytesPerPixel == 1;
-    auto image = OffscreenImage::create(gray ? 8 : 32, Rect{0, 0, static_cast<std::int16_t>(height),
-                                                            static_cast<std::int16_t>(width)});
-    if (!image) return nullptr;
+    const Rect bounds{0, 0, static_cast<std::int16_t>(height), static_cast<std::int16_t>(width)};
     const auto resolution = static_cast<std::int32_t>(header.resolution);
+    // A complete file already holds the image's rows as they are in memory
+    // (x R G B with the first byte ignored, or gray table indices): mapping
+    // it spares a copy of the whole page and the memory to hold it. A short
+    // file, or one the mapping refuses, takes the copying path below.
+    if (rowsInFile == height) {
+        if (auto mapped = OffscreenImage::createMapped(gray ? 8 : 32, bounds, fd.get(), kRawFileHeaderLength)) {
+            mapped->setResolution(long2Fix(resolution), long2Fix(resolution));
+            return mapped;
+        }
+    }
+
+    auto image = OffscreenImage::create(gray ? 8 : 32, bounds);
+    if (!image) return nullptr;
     image->setResolution(long2Fix(resolution), long2Fix(resolution));
 
     const bool contiguous = image->rowBytes() == storedRow;
