@@ -354,11 +354,7 @@ TW_UINT16 DataSourceEngine::memoryTransfer(TW_UINT16 message, TW_IMAGEMEMXFER* b
         if (depth == 8) {
             std::memcpy(out, in, dataBytes);
         } else {
-            for (TW_UINT32 x = 0; x < width; ++x, in += 4) {
-                out[3 * x] = in[1];
-                out[3 * x + 1] = in[2];
-                out[3 * x + 2] = in[3];
-            }
+            packRgb(in, out, static_cast<int>(width));  // red, green, blue; the alpha byte is dropped
         }
         std::memset(out + dataBytes, 0, pad);
         out += bytesPerRow;

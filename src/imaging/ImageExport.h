@@ -16,6 +16,11 @@ namespace zentary {
 // size of the best quality.
 inline constexpr int kDefaultJpegQuality = 85;
 
+// One row of `width` 32-bit pixels (x R G B) as 24-bit R G B: what every
+// consumer of colour rows wants. Uses the processor's byte shuffle when it
+// has one.
+void packRgb(const std::uint8_t* source, std::uint8_t* target, int width);
+
 // Uncompressed, strips of about 256 KiB, resolution in dots per inch. Gray
 // images are MinIsBlack, colour images RGB (the alpha byte is dropped).
 bool writeTiff(const OffscreenImage& image, ByteSink& sink);

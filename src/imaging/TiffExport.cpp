@@ -148,6 +148,11 @@ PackRgb choosePackRgb() {
 
 }  // namespace
 
+void packRgb(const std::uint8_t* source, std::uint8_t* target, int width) {
+    static const PackRgb pack = choosePackRgb();
+    pack(source, target, width);
+}
+
 bool writeTiff(const OffscreenImage& image, ByteSink& sink) {
     const bool gray = image.depth() == 8;
     const int width = image.width();
