@@ -156,22 +156,6 @@ TW_UINT16 DataSourceManager::close()
     return rc;
 }
 
-TW_UINT16 DataSourceManager::conditionCode()
-{
-    TW_STATUS status{};
-    if (call(DG_CONTROL, DAT_STATUS, MSG_GET, &status) != TWRC_SUCCESS) return TWCC_BUMMER;
-    return status.ConditionCode;
-}
-
-std::optional<TW_UINT16> DataSourceManager::waitForMessage(std::chrono::milliseconds timeout)
-{
-    std::unique_lock<std::mutex> lock(mMutex);
-    if (!mArrived.wait_for(lock, timeout, [this] { return !mMessages.empty(); })) return std::nullopt;
-    TW_UINT16 message = mMessages.front();
-    mMessages.pop_front();
-    return message;
-}
-
 TW_UINT16 DataSourceManager::dsmEntry(TW_IDENTITY* origin, TW_IDENTITY* destination, TW_UINT32 group,
                                       TW_UINT16 type, TW_UINT16 message, TW_MEMREF /*data*/)
 {
@@ -179,11 +163,7 @@ TW_UINT16 DataSourceManager::dsmEntry(TW_IDENTITY* origin, TW_IDENTITY* destinat
     if (!self || !origin || !destination || destination->Id != self->mApplication.Id) return TWRC_FAILURE;
     if (group != DG_CONTROL || type != DAT_NULL) return TWRC_FAILURE;
     TW_UINT16 rc = self->onMessage ? self->onMessage(message) : TWRC_SUCCESS;
-    {
-        std::lock_guard<std::mutex> guard(self->mMutex);
-        self->mMessages.push_back(message);
-    }
-    self->mArrived.notify_all();
+    self->deliver(message);
     return rc;
 }
 

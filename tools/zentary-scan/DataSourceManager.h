@@ -47,11 +47,9 @@ public:
     TW_UINT16 open() override;
     TW_UINT16 close() override;
     // DAT_STATUS: the source's condition code (the call clears it).
-    TW_UINT16 conditionCode() override;
 
     // Messages the source sent us through DSM_Entry (MSG_XFERREADY,
     // MSG_CLOSEDSREQ, ...), oldest first; waits up to `timeout`.
-    std::optional<TW_UINT16> waitForMessage(std::chrono::milliseconds timeout) override;
     // Called for each message before it is queued; its answer is DSM_Entry's
     // return code. Tests use it to fail or to re-enter the source.
     std::function<TW_UINT16(TW_UINT16 message)> onMessage;
@@ -76,9 +74,6 @@ private:
     TW_IDENTITY mApplication{};
     TW_IDENTITY mSource{};
     bool mOpen = false;
-    std::mutex mMutex;
-    std::condition_variable mArrived;
-    std::deque<TW_UINT16> mMessages;
 };
 
 }  // namespace zentary

@@ -144,22 +144,6 @@ TW_UINT16 InstalledManager::close()
     return rc;
 }
 
-TW_UINT16 InstalledManager::conditionCode()
-{
-    TW_STATUS status{};
-    if (call(DG_CONTROL, DAT_STATUS, MSG_GET, &status) != TWRC_SUCCESS) return TWCC_BUMMER;
-    return status.ConditionCode;
-}
-
-std::optional<TW_UINT16> InstalledManager::waitForMessage(std::chrono::milliseconds timeout)
-{
-    std::unique_lock<std::mutex> lock(mMutex);
-    if (!mArrived.wait_for(lock, timeout, [this] { return !mMessages.empty(); })) return std::nullopt;
-    TW_UINT16 message = mMessages.front();
-    mMessages.pop_front();
-    return message;
-}
-
 TW_HANDLE InstalledManager::allocate(TW_UINT32 size)
 {
     return mMemory.DSM_MemAllocate(size);
@@ -189,11 +173,7 @@ TW_UINT16 InstalledManager::callback(TW_IDENTITY* origin, TW_IDENTITY* destinati
     if (destination && destination->Id != self->mApplication.Id) return TWRC_FAILURE;
     if (group != DG_CONTROL || type != DAT_NULL) return TWRC_FAILURE;
     if (message != MSG_XFERREADY && message != MSG_CLOSEDSREQ) return TWRC_SUCCESS;  // e.g. MSG_DEVICEEVENT
-    {
-        std::lock_guard<std::mutex> guard(self->mMutex);
-        self->mMessages.push_back(message);
-    }
-    self->mArrived.notify_all();
+    self->deliver(message);
     return TWRC_SUCCESS;
 }
 

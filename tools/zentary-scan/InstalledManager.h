@@ -29,8 +29,6 @@ public:
     // MSG_OPENDS, then our callback registered with the manager.
     TW_UINT16 open() override;
     TW_UINT16 close() override;
-    TW_UINT16 conditionCode() override;
-    std::optional<TW_UINT16> waitForMessage(std::chrono::milliseconds timeout) override;
 
     TW_HANDLE allocate(TW_UINT32 size) override;
     void release(TW_HANDLE handle) override;
@@ -54,9 +52,6 @@ private:
     TW_IDENTITY mSource{};
     bool mManagerOpen = false;
     bool mSourceOpen = false;
-    std::mutex mMutex;
-    std::condition_variable mArrived;
-    std::deque<TW_UINT16> mMessages;
 };
 
 }  // namespace zentary

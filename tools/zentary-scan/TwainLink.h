@@ -6,7 +6,10 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <mutex>
 #include <optional>
 #include <span>
 
@@ -25,10 +28,10 @@ public:
     virtual TW_UINT16 open() = 0;
     virtual TW_UINT16 close() = 0;
     // DAT_STATUS: the source's condition code (the call clears it).
-    virtual TW_UINT16 conditionCode() = 0;
+    TW_UINT16 conditionCode();
     // MSG_XFERREADY, MSG_CLOSEDSREQ, ... as the source sent them, oldest
     // first; waits up to `timeout`.
-    virtual std::optional<TW_UINT16> waitForMessage(std::chrono::milliseconds timeout) = 0;
+    std::optional<TW_UINT16> waitForMessage(std::chrono::milliseconds timeout);
 
     // Handles, through the memory functions the source also uses.
     virtual TW_HANDLE allocate(TW_UINT32 size) = 0;
@@ -38,7 +41,42 @@ public:
     // The allocated size of a handle the source gave us, or nothing when it
     // cannot be known: such a handle is never read.
     virtual std::optional<std::size_t> sizeOf(TW_HANDLE handle) = 0;
+
+protected:
+    // A message from the source, from whatever thread the callback came on.
+    void deliver(TW_UINT16 message);
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mArrived;
+    std::deque<TW_UINT16> mMessages;
 };
+
+inline TW_UINT16 TwainLink::conditionCode()
+{
+    TW_STATUS status{};
+    if (call(twain::DG_CONTROL, twain::DAT_STATUS, twain::MSG_GET, &status) != twain::TWRC_SUCCESS)
+        return twain::TWCC_BUMMER;
+    return status.ConditionCode;
+}
+
+inline std::optional<TW_UINT16> TwainLink::waitForMessage(std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (!mArrived.wait_for(lock, timeout, [this] { return !mMessages.empty(); })) return std::nullopt;
+    TW_UINT16 message = mMessages.front();
+    mMessages.pop_front();
+    return message;
+}
+
+inline void TwainLink::deliver(TW_UINT16 message)
+{
+    {
+        std::lock_guard<std::mutex> guard(mMutex);
+        mMessages.push_back(message);
+    }
+    mArrived.notify_all();
+}
 
 // A handle the source handed over: ours to free, readable only within its
 // allocated size.
