@@ -154,17 +154,8 @@ static_assert(offsetof(TW_ARRAY, NumItems) == offsetof(TW_ENUMERATION, NumItems)
 
 std::size_t itemSize(TW_UINT16 itemType)
 {
-    switch (itemType) {
-        case TWTY_INT8:
-        case TWTY_UINT8: return 1;
-        case TWTY_INT16:
-        case TWTY_UINT16:
-        case TWTY_BOOL: return 2;
-        case TWTY_INT32:
-        case TWTY_UINT32:
-        case TWTY_FIX32: return 4;
-        default: return 0;
-    }
+    // The store carries no item type beyond TWTY_FIX32.
+    return itemType <= TWTY_FIX32 ? twain::itemSize(itemType) : 0;
 }
 
 bool itemFits(TW_UINT16 itemType, const CapabilityValue& value)

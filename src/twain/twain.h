@@ -369,6 +369,28 @@ inline constexpr TW_UINT16 TWTY_STR1024 = 0x000d;
 inline constexpr TW_UINT16 TWTY_UNI512 = 0x000e;
 inline constexpr TW_UINT16 TWTY_HANDLE = 0x000f;
 
+// Bytes one item of a type takes in a container (TW_STR255 as the Linux
+// layout stores it); 0 for a type that has no fixed size.
+constexpr std::size_t itemSize(TW_UINT16 itemType)
+{
+    switch (itemType) {
+    case TWTY_INT8:
+    case TWTY_UINT8: return 1;
+    case TWTY_INT16:
+    case TWTY_UINT16:
+    case TWTY_BOOL: return 2;
+    case TWTY_INT32:
+    case TWTY_UINT32:
+    case TWTY_FIX32: return 4;
+    case TWTY_FRAME: return 16;
+    case TWTY_STR32: return 34;
+    case TWTY_STR64: return 66;
+    case TWTY_STR128: return 130;
+    case TWTY_STR255: return 256;
+    default: return 0;
+    }
+}
+
 // Query-support flags.
 inline constexpr TW_INT32 TWQC_GET = 0x0001;
 inline constexpr TW_INT32 TWQC_SET = 0x0002;

@@ -13,26 +13,6 @@ using namespace twain;
 
 namespace {
 
-std::size_t itemSize(TW_UINT16 type)
-{
-    switch (type) {
-    case TWTY_INT8:
-    case TWTY_UINT8: return 1;
-    case TWTY_INT16:
-    case TWTY_UINT16:
-    case TWTY_BOOL: return 2;
-    case TWTY_INT32:
-    case TWTY_UINT32:
-    case TWTY_FIX32: return 4;
-    case TWTY_FRAME: return 16;
-    case TWTY_STR32: return 34;
-    case TWTY_STR64: return 66;
-    case TWTY_STR128: return 130;
-    case TWTY_STR255: return 256;
-    default: return 0;
-    }
-}
-
 double fix32(const std::uint8_t* at)
 {
     TW_FIX32 fix;
