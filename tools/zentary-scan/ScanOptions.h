@@ -41,7 +41,10 @@ struct ScanOptions {
     ColorMode mode = ColorMode::Color;
     int resolution = 300;
     ScanArea area;
-    Mechanism mechanism = Mechanism::Native;
+    // File by default: the source writes the file itself straight from its
+    // scan, the quickest road and the one with the least memory.
+    Mechanism mechanism = Mechanism::File;
+    bool mechanismChosen = false;  // --xfer given: no falling back to memory
     bool showUI = false;
     DeviceChoice device;
     bool list = false;

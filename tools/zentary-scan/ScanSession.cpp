@@ -73,7 +73,7 @@ std::string describe(const TW_IMAGEINFO& info, OutputFormat format, std::uintmax
 ScanSession::ScanSession(TwainLink& source, const ScanOptions& options, ProgressReporter& progress,
                          const std::atomic<bool>& interrupted, std::string workDir, std::string uiLog)
     : mSource(source), mOptions(options), mProgress(progress), mInterrupted(interrupted),
-      mWorkDir(std::move(workDir)), mUiLog(std::move(uiLog))
+      mWorkDir(std::move(workDir)), mUiLog(std::move(uiLog)), mMechanism(options.mechanism)
 {
 }
 
@@ -129,8 +129,14 @@ SessionResult ScanSession::negotiate()
         return {kExitUsage, "the scanner does not offer " + std::to_string(mOptions.resolution) + " dpi" +
                                 (valid.empty() ? "" : "; valid resolutions: " + valid)};
     }
-    TW_UINT16 mechanism = mOptions.mechanism == Mechanism::Native   ? TWSX_NATIVE
-                          : mOptions.mechanism == Mechanism::Memory ? TWSX_MEMORY
+    // The short file-transfer record holds 255 bytes of path; a longer one
+    // goes through memory unless the user asked for file transfer.
+    std::string filePath = std::filesystem::absolute(mFileTarget).string();
+    if (mMechanism == Mechanism::File && !mOptions.mechanismChosen &&
+        filePath.size() >= sizeof(TW_SETUPFILEXFER::FileName))
+        mMechanism = Mechanism::Memory;
+    TW_UINT16 mechanism = mMechanism == Mechanism::Native   ? TWSX_NATIVE
+                          : mMechanism == Mechanism::Memory ? TWSX_MEMORY
                                                                     : TWSX_FILE;
     if (setOneValue(mSource, ICAP_XFERMECH, TWTY_UINT16, mechanism) != TWRC_SUCCESS)
         return failure(kExitFailure, "the scanner refused the transfer mechanism");
@@ -148,12 +154,12 @@ SessionResult ScanSession::negotiate()
         return failure(kExitUsage, "the scanner refused the scan frame");
     }
 
-    if (mOptions.mechanism == Mechanism::File) {
+    if (mMechanism == Mechanism::File) {
         TW_UINT16 format = mOptions.format == OutputFormat::Tiff   ? TWFF_TIFF
                            : mOptions.format == OutputFormat::Jpeg ? TWFF_JFIF
                                                                    : TWFF_PICT;
         TW_SETUPFILEXFER setup{};
-        std::string path = std::filesystem::absolute(mFileTarget).string();
+        const std::string& path = filePath;
         if (path.size() >= sizeof(setup.FileName))
             return {kExitUsage, "the output path is too long for a file transfer (255 characters at most); "
                                 "use --xfer native or memory"};
@@ -284,7 +290,7 @@ SessionResult ScanSession::transfer()
     mProgress.phase("Transferring");
     std::string target = mFileTarget;
     SessionResult result;
-    switch (mOptions.mechanism) {
+    switch (mMechanism) {
     case Mechanism::Native: result = transferNative(info, target); break;
     case Mechanism::Memory: result = transferMemory(info, target); break;
     case Mechanism::File: result = transferFile(target); break;

@@ -52,6 +52,7 @@ private:
     bool mEnabled = false;
     bool mTransferReady = false;
     std::string mFileTarget;  // the temporary file a file transfer writes
+    Mechanism mMechanism;     // the options' choice, or memory for a path too long for a file transfer
 };
 
 }  // namespace zentary

@@ -137,10 +137,9 @@ EXIT STATUS
 TWAIN MANAGER
   By default the tool loads the data source itself. With --dsm PATH it goes
   through an installed TWAIN 2 Data Source Manager instead, as any TWAIN
-  application does, and asks it for the source named by --source-name. The
-  transfer is then memory unless --xfer file is given: a manager's handles
-  do not tell their size, so native transfers and --list are not offered
-  through one.
+  application does, and asks it for the source named by --source-name. A
+  manager's handles do not tell their size, so native transfers and --list
+  are not offered through one.
 
 ENVIRONMENT
   ZENTARY_UI      with --ui: unset shows windows when there is a display;
@@ -160,7 +159,7 @@ EXAMPLES
 int run(int argc, char** argv)
 {
     ScanOptions options;
-    std::string mode = "color", mechanism = "native", area = "letter", device = "auto";
+    std::string mode = "color", mechanism = "file", area = "letter", device = "auto";
     CLI::App app("Scan from the Tarvell Zentary Q305 through its TWAIN data source.", "zentary-scan");
     app.get_formatter()->column_width(34);
     app.footer(footer());
@@ -173,7 +172,7 @@ int run(int argc, char** argv)
     app.add_option("-a,--area", area,
                    "Scan frame: letter (default), a4, or LEFT,TOP,WIDTH,HEIGHT from the glass's top-left "
                    "corner in inches, or with the suffix mm in millimetres");
-    app.add_option("-x,--xfer", mechanism, "TWAIN transfer mechanism: native (default; memory with --dsm), memory or file")
+    app.add_option("-x,--xfer", mechanism, "TWAIN transfer mechanism: file (default), native or memory")
         ->check(CLI::IsMember({"native", "memory", "file"}));
     app.add_flag("--ui", options.showUI, "Show the data source's dialog instead of scanning at once");
     app.add_option("-d,--device", device, "auto (default), usb, emulator or emulator:OPTIONS");
@@ -201,8 +200,9 @@ int run(int argc, char** argv)
 
     options.mode = mode == "gray" || mode == "grey" ? ColorMode::Gray : ColorMode::Color;
     options.mechanism = mechanism == "memory" ? Mechanism::Memory
-                        : mechanism == "file" ? Mechanism::File
-                                              : Mechanism::Native;
+                        : mechanism == "native" ? Mechanism::Native
+                                                : Mechanism::File;
+    options.mechanismChosen = app.count("--xfer") > 0;
     std::string error;
     if (!parseArea(area, &options.area, &error) || !parseDevice(device, &options.device, &error))
         return fail(kExitUsage, error);
@@ -213,9 +213,8 @@ int run(int argc, char** argv)
         // never read through one.
         if (!options.sourcePath.empty()) return fail(kExitUsage, "--source and --dsm exclude each other");
         if (options.list) return fail(kExitUsage, "--list cannot go through --dsm: use it without --dsm");
-        if (app.count("--xfer") && options.mechanism == Mechanism::Native)
+        if (options.mechanism == Mechanism::Native)
             return fail(kExitUsage, "--xfer native cannot go through --dsm: use --xfer memory or file");
-        if (!app.count("--xfer")) options.mechanism = Mechanism::Memory;
     } else if (app.count("--source-name")) {
         return fail(kExitUsage, "--source-name goes with --dsm");
     }

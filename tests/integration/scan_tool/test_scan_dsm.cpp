@@ -36,9 +36,9 @@ TEST_F(ScanDsm, ImageThroughTheManagerMatchesTheChart)
 {
     ASSERT_FALSE(mDsm.empty());
     struct Case {
-        std::vector<std::string> xfer;  // none: the default through a manager
+        std::vector<std::string> xfer;  // none: the default, a file transfer
         const char* mode;
-    } cases[] = {{{}, "color"}, {{"--xfer", "file"}, "gray"}};
+    } cases[] = {{{}, "color"}, {{"--xfer", "memory"}, "gray"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.mode);
         std::vector<std::string> args = {"--dsm", mDsm, "--device", "emulator", "--mode", c.mode,

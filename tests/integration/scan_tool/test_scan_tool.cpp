@@ -71,6 +71,19 @@ TEST_F(ScanTool, BadInputIsRefusedInOneLineAndTouchesNothing)
     EXPECT_EQ(test::decodeTiffFile(mScratch.path() / "old.tif").width, 150);
 }
 
+TEST_F(ScanTool, APathTooLongForAFileTransferGoesThroughMemoryUnlessFileWasAsked)
+{
+    fs::path deep = mScratch.path() / std::string(120, 'd') / std::string(120, 'e');
+    fs::create_directories(deep);
+    std::string output = (deep / "page.tif").string();
+    test::ToolRun asked = test::runTool(mScratch.path(), with(kSmall, {"--xfer", "file", output}), mEnv);
+    EXPECT_EQ(asked.exitCode, kUsage) << asked.err;
+    EXPECT_NE(asked.err.find("too long"), std::string::npos) << asked.err;
+    test::ToolRun byDefault = test::runTool(mScratch.path(), with(kSmall, {output}), mEnv);
+    EXPECT_EQ(byDefault.exitCode, 0) << byDefault.err;
+    EXPECT_EQ(test::decodeTiffFile(output).width, 150);
+}
+
 TEST_F(ScanTool, ScannerFaultsEndWithADeviceErrorAndNoFile)
 {
     struct Case {
