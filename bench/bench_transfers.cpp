@@ -167,6 +167,28 @@ void BM_FileTransfer(benchmark::State& state)
     }
 }
 
+// A native transfer hands the client the whole TIFF in one handle; beside
+// File/TIFF/ours it shows what the handle costs over writing the file.
+void BM_NativeTiff(benchmark::State& state)
+{
+    auto source = openSource();
+    if (!source) return state.SkipWithError("cannot open the data source");
+    for (auto _ : state) {
+        state.PauseTiming();
+        TW_IMAGEINFO info{};
+        bool ready = scan(*source, TWSX_NATIVE, 600, info);
+        state.ResumeTiming();
+        TW_HANDLE handle = nullptr;
+        if (!ready || source->call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle) != TWRC_XFERDONE)
+            return state.SkipWithError("native transfer failed");
+        state.PauseTiming();
+        state.counters["MB"] = double(DataSourceManager::handleSize(handle).value_or(0)) / 1e6;
+        DataSourceManager::freeHandle(handle);
+        finish(*source);
+        state.ResumeTiming();
+    }
+}
+
 void BM_TiffLibtiffAlone(benchmark::State& state)
 {
     const Page& p = page();
@@ -308,6 +330,7 @@ void BM_PeakRss1200(benchmark::State& state, const char* mode)
 }  // namespace
 
 BENCHMARK(BM_FileTransfer)->Name("File/TIFF/ours")->Arg(TWFF_TIFF)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(4);
+BENCHMARK(BM_NativeTiff)->Name("Native/TIFF/ours")->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(4);
 BENCHMARK(BM_TiffLibtiffAlone)->Name("File/TIFF/libtiff")->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2);
 BENCHMARK(BM_FileTransfer)->Name("File/JPEG/ours")->Arg(TWFF_JFIF)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(4);
 BENCHMARK(BM_JpegCjpeg)->Name("File/JPEG/cjpeg")->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(4);

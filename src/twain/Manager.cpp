@@ -1,7 +1,10 @@
 #include "twain/Manager.h"
 
 #include <dlfcn.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -71,6 +74,24 @@ TW_UINT16 Manager::send(TW_IDENTITY* origin, TW_IDENTITY* destination, TW_UINT32
     return proc(origin, destination, group, type, message, data);
 }
 
+namespace {
+
+// A native image handle of a page is 25 to 400 MB written once from start
+// to end; in 4 KiB pages it costs one fault per page, which made it half
+// again as slow as writing the same TIFF to a file. Huge pages, where the
+// kernel grants them on request, cut the faults by 512.
+constexpr std::size_t kHugePageThreshold = std::size_t{8} << 20;
+
+void preferHugePages(void* block, std::size_t size)
+{
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto start = (reinterpret_cast<std::uintptr_t>(block) + page - 1) & ~(page - 1);
+    const auto end = (reinterpret_cast<std::uintptr_t>(block) + size) & ~(page - 1);
+    if (end > start) ::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
+}
+
+}  // namespace
+
 TW_HANDLE Manager::allocate(std::size_t size)
 {
     if (size == 0 || size > UINT32_MAX) return nullptr;
@@ -79,6 +100,7 @@ TW_HANDLE Manager::allocate(std::size_t size)
     bool fromManager = s.hasEntry && s.entry.DSM_MemAllocate && s.entry.DSM_MemFree;
     TW_HANDLE handle = fromManager ? s.entry.DSM_MemAllocate(static_cast<TW_UINT32>(size)) : std::calloc(1, size);
     if (handle) s.blocks[handle] = {size, fromManager};
+    if (handle && size >= kHugePageThreshold) preferHugePages(handle, size);
     return handle;
 }
 
