@@ -15,6 +15,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "ReferenceTools.h"
 #include "imaging/ImageExport.h"
 #include "imaging/RawFileReader.h"
 
@@ -25,7 +26,6 @@ using namespace zentary;
 constexpr int kWidth = 5100;
 constexpr int kHeight = 7020;
 constexpr int kDpi = 600;
-constexpr std::size_t kTiffStripBytes = 256 * 1024;  // as our exporter uses
 
 // A page as a scanner sees it: a photograph in the top third, lines of
 // dark "text" blocks on a slightly noisy white below.
@@ -88,11 +88,6 @@ Page& page() {
     return instance;
 }
 
-void run(benchmark::State& state, const std::string& command) {
-    for (auto _ : state)
-        if (std::system(command.c_str()) != 0) state.SkipWithError(("failed: " + command).c_str());
-}
-
 void BM_RawToOffscreenImage(benchmark::State& state) {
     Page& p = page();
     for (auto _ : state) benchmark::DoNotOptimize(newGWorldFromRawFile(p.raw));
@@ -107,27 +102,9 @@ void BM_Tiff_Ours(benchmark::State& state) {
 
 void BM_Tiff_LibtiffAlone(benchmark::State& state) {
     Page& p = page();
-    const std::size_t rowLength = std::size_t(kWidth) * 3;
-    const auto rowsPerStrip = static_cast<std::uint32_t>(kTiffStripBytes / rowLength);
-    for (auto _ : state) {
-        TIFF* tiff = TIFFOpen(p.out("libtiff.tif").c_str(), "w");
-        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, kWidth);
-        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, kHeight);
-        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
-        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
-        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-        TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-        TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
-        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
-        TIFFSetField(tiff, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
-        TIFFSetField(tiff, TIFFTAG_XRESOLUTION, float(kDpi));
-        TIFFSetField(tiff, TIFFTAG_YRESOLUTION, float(kDpi));
-        for (std::uint32_t y = 0, strip = 0; y < kHeight; y += rowsPerStrip, ++strip) {
-            const std::uint32_t rows = std::min<std::uint32_t>(rowsPerStrip, kHeight - y);
-            TIFFWriteEncodedStrip(tiff, strip, &p.rgbPixels[y * rowLength], tmsize_t(rows * rowLength));
-        }
-        TIFFClose(tiff);
-    }
+    for (auto _ : state)
+        if (!bench::writeTiffWithLibtiff(p.out("libtiff.tif"), p.rgbPixels.data(), kWidth, kHeight, kDpi))
+            state.SkipWithError("libtiff failed");
 }
 
 void BM_Jpeg_Ours(benchmark::State& state) {
@@ -138,7 +115,7 @@ void BM_Jpeg_Ours(benchmark::State& state) {
 
 void BM_Jpeg_Cjpeg(benchmark::State& state) {
     Page& p = page();
-    run(state, "cjpeg -quality " + std::to_string(kDefaultJpegQuality) + " -sample 1x1 -outfile " + p.out("cjpeg.jpg") + " " + p.ppm);
+    bench::runCommand(state, "cjpeg -quality " + std::to_string(kDefaultJpegQuality) + " -sample 1x1 -outfile " + p.out("cjpeg.jpg") + " " + p.ppm);
 }
 
 void BM_Pict_Ours(benchmark::State& state) {
@@ -149,7 +126,7 @@ void BM_Pict_Ours(benchmark::State& state) {
 
 void BM_Pict_ImageMagick(benchmark::State& state) {
     Page& p = page();
-    run(state, "convert -size " + std::to_string(kWidth) + "x" + std::to_string(kHeight) + " -depth 8 rgb:" + p.rgb +
+    bench::runCommand(state, "convert -size " + std::to_string(kWidth) + "x" + std::to_string(kHeight) + " -depth 8 rgb:" + p.rgb +
                    " PICT:" + p.out("magick.pict"));
 }
 

@@ -23,6 +23,7 @@
 
 #include "DataSourceManager.h"
 #include "ProcessResources.h"
+#include "ReferenceTools.h"
 
 extern char** environ;
 
@@ -32,7 +33,6 @@ using namespace zentary;
 using namespace twain;
 using namespace std::chrono_literals;
 
-constexpr std::size_t kTiffStripBytes = 256 * 1024;  // as the data source's exporter writes
 constexpr TW_UINT32 kStripBytes = 1 << 20;           // a client's memory transfer buffer
 
 std::filesystem::path gScratch;
@@ -193,47 +193,22 @@ void BM_TiffLibtiffAlone(benchmark::State& state)
 {
     const Page& p = page();
     std::string target = (gScratch / "reference.tif").string();
-    const auto width = std::uint32_t(p.info.ImageWidth), height = std::uint32_t(p.info.ImageLength);
-    const std::size_t rowBytes = std::size_t(width) * 3;
-    const auto rowsPerStrip = std::uint32_t(std::max<std::size_t>(1, kTiffStripBytes / rowBytes));
-    for (auto _ : state) {
-        TIFF* tiff = TIFFOpen(target.c_str(), "w");
-        if (!tiff) return state.SkipWithError("TIFFOpen");
-        TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
-        TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
-        TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 3);
-        TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
-        TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-        TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-        TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
-        TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
-        TIFFSetField(tiff, TIFFTAG_XRESOLUTION, 600.0f);
-        TIFFSetField(tiff, TIFFTAG_YRESOLUTION, 600.0f);
-        TIFFSetField(tiff, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
-        for (std::uint32_t y = 0, strip = 0; y < height; y += rowsPerStrip, ++strip) {
-            const std::uint32_t rows = std::min(rowsPerStrip, height - y);
-            TIFFWriteEncodedStrip(tiff, strip, const_cast<std::uint8_t*>(&p.rgb[y * rowBytes]),
-                                  tmsize_t(rows * rowBytes));
-        }
-        TIFFClose(tiff);
-    }
-}
-
-void runTool(benchmark::State& state, const std::string& command)
-{
-    page();
     for (auto _ : state)
-        if (std::system(command.c_str()) != 0) return state.SkipWithError(("failed: " + command).c_str());
+        if (!bench::writeTiffWithLibtiff(target, p.rgb.data(), std::uint32_t(p.info.ImageWidth),
+                                         std::uint32_t(p.info.ImageLength), 600.0f))
+            return state.SkipWithError("libtiff failed");
 }
 
 void BM_JpegCjpeg(benchmark::State& state)
 {
-    runTool(state, "cjpeg -quality 85 -sample 1x1 -outfile '" + (gScratch / "reference.jpg").string() + "' '" + page().ppm + "'");
+    page();
+    bench::runCommand(state, "cjpeg -quality 85 -sample 1x1 -outfile '" + (gScratch / "reference.jpg").string() + "' '" + page().ppm + "'");
 }
 
 void BM_PictImageMagick(benchmark::State& state)
 {
-    runTool(state, "convert '" + page().ppm + "' 'pict:" + (gScratch / "reference.pict").string() + "'");
+    page();
+    bench::runCommand(state, "convert '" + page().ppm + "' 'pict:" + (gScratch / "reference.pict").string() + "'");
 }
 
 void BM_MemoryTransfer(benchmark::State& state)
