@@ -71,10 +71,10 @@ inline std::optional<TW_UINT16> TwainLink::waitForMessage(std::chrono::milliseco
 
 inline void TwainLink::deliver(TW_UINT16 message)
 {
-    {
-        std::lock_guard<std::mutex> guard(mMutex);
-        mMessages.push_back(message);
-    }
+    // Notified under the lock: the waiter may take the message and destroy
+    // this link at once, and must not do so while we still touch it.
+    std::lock_guard<std::mutex> guard(mMutex);
+    mMessages.push_back(message);
     mArrived.notify_all();
 }
 

@@ -26,7 +26,7 @@ class SaneScanimageTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
         GTEST_SKIP() << "scanimage is not built with the sanitizer our backend needs loaded first";
 #endif
         if (access(kScanimage, X_OK) != 0) GTEST_SKIP() << "sane-utils is not installed";
