@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 
 #include "capabilities/Capabilities.h"
 #include "ds/DSFileUtils.h"
@@ -25,6 +26,18 @@ std::optional<TW_UINT16> numberOf(const std::optional<CapabilityValue>& value)
     return static_cast<TW_UINT16>(value->number());
 }
 
+// In a sticky folder anyone may write to (a shared /tmp), a file of another
+// user at our name was planted there: it is left alone and refused, as the
+// kernel's protected_regular rule refuses to create through it.
+bool plantedInSharedFolder(const std::string& path, const struct stat& file)
+{
+    if (file.st_uid == geteuid()) return false;
+    struct stat folder {};
+    std::string parent = std::filesystem::path(path).parent_path().string();
+    return stat(parent.empty() ? "." : parent.c_str(), &folder) == 0 && (folder.st_mode & S_ISVTX) &&
+           (folder.st_mode & S_IWOTH);
+}
+
 // Setting a target empties an existing file or creates an empty one at
 // once, so the client learns now, not after the scan, that it cannot be
 // written. A symlink in place of the target is refused, not followed.
@@ -35,7 +48,8 @@ TW_UINT16 validateFile(const std::string& name)
         files::UniqueFd fd(::open(spec.path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
         if (!fd) return TWCC_BADVALUE;
         struct stat info {};
-        if (fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return TWCC_BADVALUE;
+        if (fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || plantedInSharedFolder(spec.path, info))
+            return TWCC_BADVALUE;
         if (info.st_size > 0 && (ftruncate(fd.get(), 0) != 0 || fsync(fd.get()) != 0)) return TWCC_BADVALUE;
         return 0;
     }

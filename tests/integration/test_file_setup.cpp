@@ -1,6 +1,9 @@
 // Where a file transfer writes: DAT_SETUPFILEXFER and DAT_SETUPFILEXFER2.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
 
 #include "DataSourceManager.h"
@@ -90,6 +93,19 @@ TEST_F(FileSetupTest, SettingATargetCreatesOrEmptiesIt)
     EXPECT_EQ(std::filesystem::file_size(path("new.tif")), 0u);
     EXPECT_EQ(std::filesystem::file_size(path("full.tif")), 0u);
     EXPECT_FALSE(std::filesystem::exists(path("elsewhere")));
+}
+
+TEST_F(FileSetupTest, AnotherUsersFileInASharedFolderIsLeftAlone)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "making another user's file needs root";
+    std::filesystem::create_directory(path("shared"));
+    ASSERT_EQ(chmod(path("shared").c_str(), 01777), 0);
+    std::ofstream(path("shared/ZentaryScan.tmp")) << "theirs";
+    ASSERT_EQ(chmod(path("shared/ZentaryScan.tmp").c_str(), 0666), 0);
+    ASSERT_EQ(chown(path("shared/ZentaryScan.tmp").c_str(), 65534, 65534), 0);
+    EXPECT_EQ(call2(MSG_SET, path("shared/ZentaryScan.tmp")), TWRC_FAILURE);
+    EXPECT_EQ(mSource->conditionCode(), TWCC_BADVALUE);
+    EXPECT_EQ(std::filesystem::file_size(path("shared/ZentaryScan.tmp")), 6u);
 }
 
 TEST_F(FileSetupTest, MessagesAndMechanismsAreChecked)
