@@ -159,15 +159,14 @@ SessionResult ScanSession::negotiate()
                            : mOptions.format == OutputFormat::Jpeg ? TWFF_JFIF
                                                                    : TWFF_PICT;
         TW_SETUPFILEXFER setup{};
-        const std::string& path = filePath;
-        if (path.size() >= sizeof(setup.FileName))
+        if (filePath.size() >= sizeof(setup.FileName))
             return {kExitUsage, "the output path is too long for a file transfer (255 characters at most); "
                                 "use --xfer native or memory"};
-        std::memcpy(setup.FileName, path.c_str(), path.size() + 1);
+        std::memcpy(setup.FileName, filePath.c_str(), filePath.size() + 1);
         setup.Format = format;
         if (mSource.call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup) != TWRC_SUCCESS)
             return failure(kExitFailure, std::string("the scanner cannot write ") + formatName(mOptions.format) +
-                                             " files to " + path);
+                                             " files to " + filePath);
     }
     return {};
 }
