@@ -100,7 +100,16 @@ TW_HANDLE Manager::allocate(std::size_t size)
     bool fromManager = s.hasEntry && s.entry.DSM_MemAllocate && s.entry.DSM_MemFree;
     TW_HANDLE handle = fromManager ? s.entry.DSM_MemAllocate(static_cast<TW_UINT32>(size)) : std::calloc(1, size);
     if (handle) s.blocks[handle] = {size, fromManager};
-    if (handle && size >= kHugePageThreshold) preferHugePages(handle, size);
+    if (handle && size >= kHugePageThreshold) {
+        // A manager's handle need not be an address: its memory is where
+        // locking the handle points.
+        if (!fromManager) {
+            preferHugePages(handle, size);
+        } else if (s.entry.DSM_MemLock && s.entry.DSM_MemUnlock) {
+            if (void* memory = s.entry.DSM_MemLock(handle)) preferHugePages(memory, size);
+            s.entry.DSM_MemUnlock(handle);
+        }
+    }
     return handle;
 }
 
