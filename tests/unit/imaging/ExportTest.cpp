@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <jpeglib.h>
 #include <memory>
+#include <tuple>
 #include <tiffio.h>
 
 #include "imaging/ImageConvert.h"
@@ -31,6 +32,18 @@ Bytes expectedRgb(const RawShape& shape) {
 
 std::unique_ptr<OffscreenImage> imageOf(const test::ScratchDir& dir, const RawShape& shape) {
     return newGWorldFromRawFile(test::writeRawFile(dir, shape));
+}
+
+// The shape scanned into `dir` and saved there as `type`; the file's path,
+// empty (and a failure) when either step failed.
+std::string exported(const test::ScratchDir& dir, const RawShape& shape, std::uint32_t type, const char* name,
+                     std::unique_ptr<OffscreenImage>* keep = nullptr) {
+    auto image = imageOf(dir, shape);
+    const std::string path = dir.file(name);
+    const bool saved = image && ImageConvert::saveGWorld(image.get(), path.c_str(), type);
+    EXPECT_TRUE(saved);
+    if (keep) *keep = std::move(image);
+    return saved ? path : std::string();
 }
 
 TEST(PackBits, MatchesHandPackedRows) {
@@ -115,30 +128,23 @@ class Export : public testing::TestWithParam<RawShape> {};
 TEST_P(Export, TiffReadsBackExactly) {
     const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, shape);
-    ASSERT_TRUE(image);
-    const std::string path = dir.file("out.tif");
-    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypeTIFF));
+    const std::string path = exported(dir, shape, kFileTypeTIFF, "out.tif");
+    ASSERT_FALSE(path.empty());
 
     std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(path.c_str(), "r"), TIFFClose);
     ASSERT_TRUE(tiff);
     std::uint32_t width = 0, height = 0;
     std::uint16_t samples = 0, bits = 0, photometric = 0, unit = 0;
     float xRes = 0, yRes = 0;
-    TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
-    TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
-    TIFFGetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
-    TIFFGetField(tiff.get(), TIFFTAG_BITSPERSAMPLE, &bits);
-    TIFFGetField(tiff.get(), TIFFTAG_PHOTOMETRIC, &photometric);
-    TIFFGetField(tiff.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
-    TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &xRes);
-    TIFFGetField(tiff.get(), TIFFTAG_YRESOLUTION, &yRes);
-    EXPECT_EQ(width, static_cast<std::uint32_t>(shape.width));
-    EXPECT_EQ(height, static_cast<std::uint32_t>(shape.height));
-    EXPECT_EQ(samples, shape.gray ? 1 : 3);
-    EXPECT_EQ(bits, 8);
-    EXPECT_EQ(photometric, shape.gray ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
-    EXPECT_EQ(unit, RESUNIT_INCH);
+    for (auto [tag, field] : {std::pair<ttag_t, void*>{TIFFTAG_IMAGEWIDTH, &width}, {TIFFTAG_IMAGELENGTH, &height},
+                              {TIFFTAG_SAMPLESPERPIXEL, &samples}, {TIFFTAG_BITSPERSAMPLE, &bits},
+                              {TIFFTAG_PHOTOMETRIC, &photometric}, {TIFFTAG_RESOLUTIONUNIT, &unit},
+                              {TIFFTAG_XRESOLUTION, &xRes}, {TIFFTAG_YRESOLUTION, &yRes}})
+        TIFFGetField(tiff.get(), tag, field);
+    EXPECT_EQ(std::make_tuple(width, height, samples, bits, photometric, unit),
+              std::make_tuple(std::uint32_t(shape.width), std::uint32_t(shape.height), std::uint16_t(shape.gray ? 1 : 3),
+                              std::uint16_t(8), std::uint16_t(shape.gray ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB),
+                              std::uint16_t(RESUNIT_INCH)));
     EXPECT_FLOAT_EQ(xRes, static_cast<float>(shape.dpi));
     EXPECT_FLOAT_EQ(yRes, static_cast<float>(shape.dpi));
 
@@ -160,10 +166,8 @@ class JpegExport : public testing::TestWithParam<RawShape> {};
 TEST_P(JpegExport, DecodesCloseToTheImage) {
     const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, shape);
-    ASSERT_TRUE(image);
-    const std::string path = dir.file("out.jpg");
-    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypeJPEG));
+    const std::string path = exported(dir, shape, kFileTypeJPEG, "out.jpg");
+    ASSERT_FALSE(path.empty());
 
     std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
     ASSERT_TRUE(file);
@@ -277,10 +281,9 @@ struct PictReader {
 TEST_P(Export, PictWalksAndDecodes) {
     const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, shape);
-    ASSERT_TRUE(image);
-    const std::string path = dir.file("out.pict");
-    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypePICT));
+    std::unique_ptr<OffscreenImage> image;
+    const std::string path = exported(dir, shape, kFileTypePICT, "out.pict", &image);
+    ASSERT_FALSE(path.empty());
     std::ifstream in(path, std::ios::binary);
     const Bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     ASSERT_GT(file.size(), 512u);
