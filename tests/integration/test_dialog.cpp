@@ -4,9 +4,7 @@
 // each window is kept as a picture under build/test-output/dialog-<case>/.
 #include <gtest/gtest.h>
 
-#include "DataSourceManager.h"
-#include "support/TestEnvironment.h"
-#include "support/Triplets.h"
+#include "support/SourceTest.h"
 
 namespace zentary {
 namespace {
@@ -14,23 +12,11 @@ namespace {
 using namespace twain;
 using namespace std::chrono_literals;
 using test::ScopedEnv;
-using test::ScratchDir;
 
-struct Run {
-    std::unique_ptr<DataSourceManager> source;
-    std::filesystem::path pictures;
-    std::string events;
-};
-
-class DialogTest : public ::testing::Test {
+class DialogTest : public test::SourceTest {
 protected:
-    ScratchDir mScratch;
-    ScopedEnv mTmp{"TMPDIR", mScratch.path().string()};
-    ScopedEnv mConfig{"XDG_CONFIG_HOME", mScratch.path().string()};
-    ScopedEnv mLog{"ZENTARY_UI_LOG", (mScratch.path() / "ui.log").string()};
-    ScopedEnv mUi{"ZENTARY_UI", "helper"};
+    ScopedEnv mHelper{"ZENTARY_UI", "helper"};
     ScopedEnv mPlatform{"QT_QPA_PLATFORM", std::getenv("DISPLAY") ? std::nullopt : std::optional<std::string>("offscreen")};
-    ScopedEnv mBundle{"ZENTARY_BUNDLE", std::nullopt};
 
     // Opens the source as `manufacturer` with the autopilot pressing Cancel
     // in `cancelIn` ("" presses Scan), and enables it with the dialog.
@@ -44,9 +30,7 @@ protected:
         setenv("ZENTARY_SCANNER", scanner, 1);
         setenv("ZENTARY_UI_AUTOPILOT", mPictures.c_str(), 1);
         setenv("ZENTARY_UI_AUTOPILOT_CANCEL", cancelIn.c_str(), 1);
-        std::string error;
-        auto source = DataSourceManager::load(test::dataSourcePath().string(), &error);
-        EXPECT_TRUE(source) << error;
+        auto source = test::loadSource();
         if (!source) return nullptr;
         std::strcpy(source->application().Manufacturer, manufacturer);
         EXPECT_EQ(source->open(), TWRC_SUCCESS);
@@ -66,21 +50,6 @@ protected:
         return count;
     }
 
-    std::string events() const
-    {
-        std::string all;
-        for (const auto& line : test::readLines(mScratch.path() / "ui.log")) all += line + "\n";
-        return all;
-    }
-
-    int rawFiles() const
-    {
-        int count = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(mScratch.path()))
-            if (entry.path().extension() == ".raw") ++count;
-        return count;
-    }
-
     std::filesystem::path mPictures;
 };
 
@@ -97,8 +66,8 @@ TEST_F(DialogTest, ScanPressedInTheDialogLeadsToATransferAndTheDialogReturns)
     EXPECT_EQ(source->close(), TWRC_SUCCESS);
     EXPECT_EQ(pictures("dialog-"), 2);
     EXPECT_GE(pictures("progress-"), 1);
-    EXPECT_NE(events().find("dialog.scan"), std::string::npos) << events();
-    EXPECT_NE(events().find("progress.shown"), std::string::npos) << events();
+    EXPECT_NE(uiLog().find("dialog.scan"), std::string::npos) << uiLog();
+    EXPECT_NE(uiLog().find("progress.shown"), std::string::npos) << uiLog();
 }
 
 TEST_F(DialogTest, CancelInEitherWindowAsksTheClientToClose)
@@ -114,11 +83,11 @@ TEST_F(DialogTest, CancelInEitherWindowAsksTheClientToClose)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.window);
-        std::filesystem::remove(mScratch.path() / "ui.log");
+        std::filesystem::remove(scratch("ui.log"));
         auto source = start(std::string("cancel-") + c.window, c.scanner, "GIMP", c.window);
         ASSERT_TRUE(source);
         EXPECT_EQ(source->waitForMessage(60s), std::optional<TW_UINT16>(MSG_CLOSEDSREQ));
-        EXPECT_NE(events().find(c.event), std::string::npos) << events();
+        EXPECT_NE(uiLog().find(c.event), std::string::npos) << uiLog();
         EXPECT_EQ(rawFiles(), 0);
         EXPECT_EQ(test::disable(*source), TWRC_SUCCESS);
         EXPECT_EQ(source->close(), TWRC_SUCCESS);

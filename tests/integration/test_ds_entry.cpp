@@ -7,36 +7,20 @@
 #include <memory>
 #include <string>
 
-#include "DataSourceManager.h"
-#include "support/TestEnvironment.h"
+#include "support/SourceTest.h"
 
 namespace zentary {
 namespace {
 
 using namespace twain;
 using test::ScopedEnv;
-using test::ScratchDir;
-
-std::unique_ptr<DataSourceManager> loadSource()
-{
-    std::string error;
-    auto manager = DataSourceManager::load(test::dataSourcePath().string(), &error);
-    EXPECT_TRUE(manager) << error;
-    return manager;
-}
+using test::loadSource;
 
 // Every test runs with the emulated scanner, no windows, its own
 // preferences and its own user-interface log.
-class DataSourceTest : public ::testing::Test {
+class DataSourceTest : public test::SourceTest {
 protected:
-    ScratchDir mScratch;
-    ScopedEnv mScanner{"ZENTARY_SCANNER", "emulator"};
-    ScopedEnv mUi{"ZENTARY_UI", "headless"};
-    ScopedEnv mConfig{"XDG_CONFIG_HOME", mScratch.path().string()};
-    ScopedEnv mLog{"ZENTARY_UI_LOG", (mScratch.path() / "ui.log").string()};
-    ScopedEnv mBundle{"ZENTARY_BUNDLE", std::nullopt};
-
-    std::vector<std::string> uiLog() { return test::readLines(mScratch.path() / "ui.log"); }
+    std::vector<std::string> uiLines() { return test::readLines(scratch("ui.log")); }
 };
 
 TEST(DataSourceExports, OnlyDsEntryIsExported)
@@ -138,7 +122,7 @@ TEST_F(DataSourceTest, OpenWithoutAScannerShowsAlertTwo)
     auto source = loadSource();
     EXPECT_EQ(source->open(), TWRC_FAILURE);
     EXPECT_EQ(source->conditionCode(), TWCC_OPERATIONERROR);
-    auto log = uiLog();
+    auto log = uiLines();
     ASSERT_FALSE(log.empty());
     EXPECT_NE(log.back().find("\"row\":2"), std::string::npos) << log.back();
     EXPECT_NE(log.back().find("No scanners are available."), std::string::npos) << log.back();
@@ -155,7 +139,7 @@ TEST_F(DataSourceTest, OpenWithoutCapabilityDefinitionsFailsForLowMemory)
     auto source = loadSource();
     EXPECT_EQ(source->open(), TWRC_FAILURE);
     EXPECT_EQ(source->conditionCode(), TWCC_LOWMEMORY);
-    auto log = uiLog();
+    auto log = uiLines();
     ASSERT_EQ(log.size(), 2u);
     EXPECT_NE(log[0].find("open-failed"), std::string::npos) << log[0];
     EXPECT_NE(log[0].find("Capabilities"), std::string::npos) << log[0];

@@ -6,32 +6,22 @@
 
 #include <fstream>
 
-#include "DataSourceManager.h"
-#include "support/TestEnvironment.h"
-#include "support/Triplets.h"
+#include "support/SourceTest.h"
 
 namespace zentary {
 namespace {
 
 using namespace twain;
-using test::ScopedEnv;
-using test::ScratchDir;
 
-class FileSetupTest : public ::testing::Test {
+class FileSetupTest : public test::SourceTest {
 protected:
-    ScratchDir mScratch;
-    ScopedEnv mTmp{"TMPDIR", mScratch.path().string()};
-    ScopedEnv mScanner{"ZENTARY_SCANNER", "emulator"};
-    ScopedEnv mUi{"ZENTARY_UI", "headless"};
-    ScopedEnv mConfig{"XDG_CONFIG_HOME", mScratch.path().string()};
     std::unique_ptr<DataSourceManager> mSource;
     char mName[1026] = {};
 
     void SetUp() override
     {
-        std::string error;
-        mSource = DataSourceManager::load(test::dataSourcePath().string(), &error);
-        ASSERT_TRUE(mSource) << error;
+        mSource = test::loadSource();
+        ASSERT_TRUE(mSource);
         ASSERT_EQ(mSource->open(), TWRC_SUCCESS);
         ASSERT_EQ(test::setOneValue(*mSource, ICAP_XFERMECH, TWTY_UINT16, TWSX_FILE2), TWRC_SUCCESS);
     }
@@ -44,7 +34,7 @@ protected:
         return mSource->call(DG_CONTROL, DAT_SETUPFILEXFER2, message, &mRecord);
     }
     TW_SETUPFILEXFER2 mRecord{};
-    std::string path(const char* name) const { return (mScratch.path() / name).string(); }
+    std::string path(const char* name) const { return scratch(name).string(); }
 };
 
 TEST_F(FileSetupTest, TheDefaultTargetIsInTheTemporaryFolder)

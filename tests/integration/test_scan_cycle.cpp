@@ -5,9 +5,7 @@
 
 #include <thread>
 
-#include "DataSourceManager.h"
-#include "support/TestEnvironment.h"
-#include "support/Triplets.h"
+#include "support/SourceTest.h"
 
 namespace zentary {
 namespace {
@@ -15,26 +13,14 @@ namespace {
 using namespace twain;
 using namespace std::chrono_literals;
 using test::ScopedEnv;
-using test::ScratchDir;
 
 constexpr auto kScanTimeout = 20s;
 
-class ScanCycleTest : public ::testing::Test {
+class ScanCycleTest : public test::SourceTest {
 protected:
-    ScratchDir mScratch;
-    ScopedEnv mTmp{"TMPDIR", mScratch.path().string()};
-    ScopedEnv mScanner{"ZENTARY_SCANNER", "emulator"};
-    ScopedEnv mUi{"ZENTARY_UI", "headless"};
-    ScopedEnv mConfig{"XDG_CONFIG_HOME", mScratch.path().string()};
-    ScopedEnv mLog{"ZENTARY_UI_LOG", (mScratch.path() / "ui.log").string()};
-    ScopedEnv mBundle{"ZENTARY_BUNDLE", std::nullopt};
-    ScopedEnv mFreeSpace{"ZENTARY_FAKE_FREE_SPACE", std::nullopt};
-
     std::unique_ptr<DataSourceManager> openAs(const char* manufacturer, const char* product)
     {
-        std::string error;
-        auto source = DataSourceManager::load(test::dataSourcePath().string(), &error);
-        EXPECT_TRUE(source) << error;
+        auto source = test::loadSource();
         if (!source) return nullptr;
         std::strncpy(source->application().Manufacturer, manufacturer, 33);
         std::strncpy(source->application().ProductName, product, 33);
@@ -44,21 +30,6 @@ protected:
         TW_UINT32 dpi = std::strncmp(product, "Readiris", 8) == 0 ? 150u << 16 : test::fix32Item(150);
         EXPECT_EQ(test::setOneValue(*source, ICAP_XRESOLUTION, TWTY_FIX32, dpi), TWRC_SUCCESS);
         return source;
-    }
-
-    int rawFiles() const
-    {
-        int count = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(mScratch.path()))
-            if (entry.path().extension() == ".raw") ++count;
-        return count;
-    }
-
-    std::string uiLog() const
-    {
-        std::string all;
-        for (const auto& line : test::readLines(mScratch.path() / "ui.log")) all += line + "\n";
-        return all;
     }
 };
 
@@ -201,7 +172,7 @@ TEST_F(ScanCycleTest, FailedScansTellTheUserAndAskToClose)
         SCOPED_TRACE(c.scanner);
         ScopedEnv scanner("ZENTARY_SCANNER", c.scanner);
         ScopedEnv freeSpace("ZENTARY_FAKE_FREE_SPACE", c.freeSpace);
-        std::filesystem::remove(mScratch.path() / "ui.log");
+        std::filesystem::remove(scratch("ui.log"));
         auto source = openAs(kGeneric.manufacturer, kGeneric.product);
         ASSERT_TRUE(source);
         ASSERT_EQ(test::enable(*source, false), TWRC_SUCCESS);  // failures come later, by alert

@@ -31,11 +31,14 @@ public:
     ~ScratchDir()
     {
         std::error_code ignored;
+        // A test may have closed the directory to its owner.
+        std::filesystem::permissions(mPath, std::filesystem::perms::owner_all, ignored);
         std::filesystem::remove_all(mPath, ignored);
     }
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
     const std::filesystem::path& path() const { return mPath; }
+    std::string file(const std::string& name) const { return (mPath / name).string(); }
 
 private:
     std::filesystem::path mPath;

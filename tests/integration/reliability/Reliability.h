@@ -19,9 +19,7 @@
 #include <string>
 #include <thread>
 
-#include "DataSourceManager.h"
-#include "support/TestEnvironment.h"
-#include "support/Triplets.h"
+#include "support/SourceTest.h"
 
 namespace zentary::reliability {
 
@@ -139,13 +137,7 @@ protected:
     }
     void clearLog() const { std::filesystem::remove(mHome.path() / "ui.log"); }
 
-    std::unique_ptr<DataSourceManager> load() const
-    {
-        std::string error;
-        auto source = DataSourceManager::load(test::dataSourcePath().string(), &error);
-        EXPECT_TRUE(source) << error;
-        return source;
-    }
+    std::unique_ptr<DataSourceManager> load() const { return test::loadSource(); }
 
     // Open, 150 dpi, a one-inch square frame: 150 rows of 150 pixels.
     std::unique_ptr<DataSourceManager> openSmall() const

@@ -1,9 +1,7 @@
 #include "ToolRunner.h"
 
 #include <fcntl.h>
-#include <jpeglib.h>
 #include <sys/wait.h>
-#include <tiffio.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -65,78 +63,6 @@ ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>
     std::filesystem::remove(outPath);
     std::filesystem::remove(errPath);
     return run;
-}
-
-DecodedImage decodeTiffFile(const std::filesystem::path& file)
-{
-    DecodedImage image;
-    TIFF* tiff = TIFFOpen(file.c_str(), "r");
-    if (!tiff) return image;
-    std::uint32_t w = 0, h = 0;
-    std::uint16_t spp = 1, bps = 8;
-    TIFFGetField(tiff, TIFFTAG_IMAGEWIDTH, &w);
-    TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &h);
-    TIFFGetFieldDefaulted(tiff, TIFFTAG_SAMPLESPERPIXEL, &spp);
-    TIFFGetFieldDefaulted(tiff, TIFFTAG_BITSPERSAMPLE, &bps);
-    if (bps == 8 && (spp == 1 || spp == 3) && TIFFScanlineSize(tiff) == tmsize_t(w) * spp) {
-        image.width = int(w);
-        image.height = int(h);
-        image.channels = spp;
-        image.pixels.resize(std::size_t(w) * h * spp);
-        for (std::uint32_t y = 0; y < h; ++y)
-            if (TIFFReadScanline(tiff, image.pixels.data() + std::size_t(y) * w * spp, y) < 0) image = {};
-    }
-    TIFFClose(tiff);
-    return image;
-}
-
-DecodedImage decodeJpegFile(const std::filesystem::path& file)
-{
-    DecodedImage image;
-    FILE* in = std::fopen(file.c_str(), "rb");
-    if (!in) return image;
-    jpeg_decompress_struct info{};
-    jpeg_error_mgr errors{};
-    info.err = jpeg_std_error(&errors);
-    jpeg_create_decompress(&info);
-    jpeg_stdio_src(&info, in);
-    if (jpeg_read_header(&info, TRUE) == JPEG_HEADER_OK) {
-        jpeg_start_decompress(&info);
-        image.width = int(info.output_width);
-        image.height = int(info.output_height);
-        image.channels = info.output_components;
-        image.pixels.resize(std::size_t(image.width) * image.height * image.channels);
-        while (info.output_scanline < info.output_height) {
-            JSAMPROW row = image.pixels.data() + std::size_t(info.output_scanline) * image.width * image.channels;
-            jpeg_read_scanlines(&info, &row, 1);
-        }
-        jpeg_finish_decompress(&info);
-    }
-    jpeg_destroy_decompress(&info);
-    std::fclose(in);
-    return image;
-}
-
-DecodedImage decodePictFile(const std::filesystem::path& file, const std::filesystem::path& scratch)
-{
-    DecodedImage image;
-    std::filesystem::path ppm = scratch / (file.filename().string() + ".ppm");
-    std::string command = "convert '" + file.string() + "' -depth 8 'ppm:" + ppm.string() + "' 2>/dev/null";
-    if (std::system(command.c_str()) != 0) return image;
-    std::string bytes = slurp(ppm);
-    std::filesystem::remove(ppm);
-    std::istringstream in(bytes);
-    std::string magic;
-    int maxValue = 0;
-    in >> magic >> image.width >> image.height >> maxValue;
-    in.get();
-    if (magic != "P6" || maxValue != 255) return {};
-    image.channels = 3;
-    std::size_t size = std::size_t(image.width) * image.height * 3;
-    std::size_t offset = std::size_t(in.tellg());
-    if (bytes.size() < offset + size) return {};
-    image.pixels.assign(bytes.begin() + long(offset), bytes.begin() + long(offset + size));
-    return image;
 }
 
 std::vector<std::string> strayFiles(const std::filesystem::path& dir, const std::vector<std::string>& keep)

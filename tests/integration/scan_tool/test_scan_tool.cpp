@@ -68,7 +68,7 @@ TEST_F(ScanTool, BadInputIsRefusedInOneLineAndTouchesNothing)
     EXPECT_EQ(readFile("old.tif"), "keep me");
     test::ToolRun run = test::runTool(mScratch.path(), with(kSmall, {"--overwrite", "old.tif"}), mEnv);
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(test::decodeTiffFile(mScratch.path() / "old.tif").width, 150);
+    EXPECT_EQ(test::decodeTiff(mScratch.path() / "old.tif").value_or(test::Picture{}).width, 150u);
 }
 
 TEST_F(ScanTool, APathTooLongForAFileTransferGoesThroughMemoryUnlessFileWasAsked)
@@ -81,7 +81,7 @@ TEST_F(ScanTool, APathTooLongForAFileTransferGoesThroughMemoryUnlessFileWasAsked
     EXPECT_NE(asked.err.find("too long"), std::string::npos) << asked.err;
     test::ToolRun byDefault = test::runTool(mScratch.path(), with(kSmall, {output}), mEnv);
     EXPECT_EQ(byDefault.exitCode, 0) << byDefault.err;
-    EXPECT_EQ(test::decodeTiffFile(output).width, 150);
+    EXPECT_EQ(test::decodeTiff(output).value_or(test::Picture{}).width, 150u);
 }
 
 TEST_F(ScanTool, ScannerFaultsEndWithADeviceErrorAndNoFile)
@@ -163,7 +163,7 @@ TEST_F(ScanTool, InstalledToolFindsItsDataSource)
     test::ToolRun run = test::runTool(mScratch.path(), with(kSmall, {"out.tif"}),
                                       with(mEnv, {"ZENTARY_SCAN_TOOL=" + installed}));
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(test::decodeTiffFile(mScratch.path() / "out.tif").width, 150);
+    EXPECT_EQ(test::decodeTiff(mScratch.path() / "out.tif").value_or(test::Picture{}).width, 150u);
 }
 
 }  // namespace

@@ -14,9 +14,7 @@
 #include <memory>
 
 #include "ChartImages.h"
-#include "DataSourceManager.h"
-#include "support/TestEnvironment.h"
-#include "support/Triplets.h"
+#include "support/SourceTest.h"
 
 namespace zentary::test {
 
@@ -50,25 +48,16 @@ struct Scan {
     TW_UINT16 mechanism;
 };
 
-class TransferTest : public ::testing::Test {
+class TransferTest : public SourceTest {
 protected:
-    ScratchDir mScratch;
-    ScopedEnv mTmp{"TMPDIR", mScratch.path().string()};
-    ScopedEnv mScanner{"ZENTARY_SCANNER", "emulator"};
-    ScopedEnv mUi{"ZENTARY_UI", "headless"};
-    ScopedEnv mConfig{"XDG_CONFIG_HOME", mScratch.path().string()};
-    ScopedEnv mNative{"ZENTARY_NATIVE", std::nullopt};
     std::unique_ptr<DataSourceManager> mSource;
     char mName[1026] = {};
-
-    std::filesystem::path scratch(const std::string& name) const { return mScratch.path() / name; }
 
     // Opens the source as an ordinary client (or as Image Capture).
     void open(bool imageCapture = false)
     {
-        std::string error;
-        mSource = DataSourceManager::load(dataSourcePath().string(), &error);
-        ASSERT_TRUE(mSource) << error;
+        mSource = loadSource();
+        ASSERT_TRUE(mSource);
         // Kept mapped after the manager unloads it, so that the sanitizers
         // can still name the source's code in their reports.
         dlopen(dataSourcePath().c_str(), RTLD_NOW | RTLD_NODELETE);

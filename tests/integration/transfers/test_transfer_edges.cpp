@@ -42,13 +42,6 @@ protected:
         std::free(capability.hContainer);
         return value;
     }
-    std::vector<std::string> leftovers() const
-    {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(mScratch.path()))
-            if (entry.path().string().find(".part") != std::string::npos) names.push_back(entry.path().string());
-        return names;
-    }
 };
 
 bool operator==(const TW_FIX32& a, const TW_FIX32& b)
@@ -215,7 +208,7 @@ TEST_F(TransferEdgeTest, AFailedFileTransferLeavesTheScanForAnotherTarget)
         ASSERT_EQ(setupFile(c.target, TWFF_TIFF), TWRC_SUCCESS);
         c.spoil();
         EXPECT_EQ(codeOf(fileTransfer(), TWRC_FAILURE), TWCC_OPERATIONERROR);
-        EXPECT_EQ(leftovers(), std::vector<std::string>{});
+        EXPECT_EQ(filesWith(".part"), std::vector<std::string>{});
         if (std::filesystem::is_regular_file(c.target)) {
             EXPECT_EQ(std::filesystem::file_size(c.target), 0u) << "as it was set up";
         }

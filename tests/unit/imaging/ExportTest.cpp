@@ -2,15 +2,14 @@
 #include <cstdio>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <jpeglib.h>
 #include <memory>
-#include <tiffio.h>
 
 #include "imaging/ImageConvert.h"
 #include "imaging/ImageExport.h"
 #include "imaging/PackBits.h"
 #include "imaging/PictRecorder.h"
 #include "imaging/RawFileReader.h"
+#include "integration/transfers/ChartImages.h"
 #include "unit/imaging/RawFixture.h"
 
 namespace zentary {
@@ -29,8 +28,32 @@ Bytes expectedRgb(const RawShape& shape) {
     return rgb;
 }
 
+// The expected image as the transfer tests' readers give it back.
+test::Picture expectedPicture(const RawShape& shape) {
+    const std::uint32_t channels = shape.gray ? 1 : 3;
+    test::Picture picture{std::uint32_t(shape.width), std::uint32_t(shape.height), channels, double(shape.dpi),
+                          double(shape.dpi), {}};
+    for (int y = 0; y < shape.height; ++y)
+        for (int x = 0; x < shape.width; ++x)
+            for (std::uint32_t c = 0; c < channels; ++c)
+                picture.pixels.push_back(test::sample(shape.pattern, x, y, int(c), shape.width, shape.height));
+    return picture;
+}
+
 std::unique_ptr<OffscreenImage> imageOf(const test::ScratchDir& dir, const RawShape& shape) {
     return newGWorldFromRawFile(test::writeRawFile(dir, shape));
+}
+
+// The shape scanned into `dir` and saved there as `type`; the file's path,
+// empty (and a failure) when either step failed.
+std::string exported(const test::ScratchDir& dir, const RawShape& shape, std::uint32_t type, const char* name,
+                     std::unique_ptr<OffscreenImage>* keep = nullptr) {
+    auto image = imageOf(dir, shape);
+    const std::string path = dir.file(name);
+    const bool saved = image && ImageConvert::saveGWorld(image.get(), path.c_str(), type);
+    EXPECT_TRUE(saved);
+    if (keep) *keep = std::move(image);
+    return saved ? path : std::string();
 }
 
 TEST(PackBits, MatchesHandPackedRows) {
@@ -115,42 +138,15 @@ class Export : public testing::TestWithParam<RawShape> {};
 TEST_P(Export, TiffReadsBackExactly) {
     const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, shape);
-    ASSERT_TRUE(image);
-    const std::string path = dir.file("out.tif");
-    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypeTIFF));
+    const std::string path = exported(dir, shape, kFileTypeTIFF, "out.tif");
+    ASSERT_FALSE(path.empty());
 
-    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(path.c_str(), "r"), TIFFClose);
-    ASSERT_TRUE(tiff);
-    std::uint32_t width = 0, height = 0;
-    std::uint16_t samples = 0, bits = 0, photometric = 0, unit = 0;
-    float xRes = 0, yRes = 0;
-    TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
-    TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
-    TIFFGetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
-    TIFFGetField(tiff.get(), TIFFTAG_BITSPERSAMPLE, &bits);
-    TIFFGetField(tiff.get(), TIFFTAG_PHOTOMETRIC, &photometric);
-    TIFFGetField(tiff.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
-    TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &xRes);
-    TIFFGetField(tiff.get(), TIFFTAG_YRESOLUTION, &yRes);
-    EXPECT_EQ(width, static_cast<std::uint32_t>(shape.width));
-    EXPECT_EQ(height, static_cast<std::uint32_t>(shape.height));
-    EXPECT_EQ(samples, shape.gray ? 1 : 3);
-    EXPECT_EQ(bits, 8);
-    EXPECT_EQ(photometric, shape.gray ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
-    EXPECT_EQ(unit, RESUNIT_INCH);
-    EXPECT_FLOAT_EQ(xRes, static_cast<float>(shape.dpi));
-    EXPECT_FLOAT_EQ(yRes, static_cast<float>(shape.dpi));
-
-    const Bytes expected = expectedRgb(shape);
-    Bytes line(static_cast<std::size_t>(TIFFScanlineSize(tiff.get())));
-    for (int y = 0; y < shape.height; ++y) {
-        ASSERT_EQ(TIFFReadScanline(tiff.get(), line.data(), static_cast<std::uint32_t>(y)), 1);
-        for (int x = 0; x < shape.width; ++x)
-            for (int c = 0; c < samples; ++c)
-                ASSERT_EQ(line[x * samples + c], expected[(static_cast<std::size_t>(y) * shape.width + x) * 3 + c])
-                    << x << "," << y;
-    }
+    // The reader takes only 8-bit contiguous gray or RGB with its resolution in inches.
+    const std::optional<test::Picture> read = test::decodeTiff(path);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->xDpi, shape.dpi);
+    EXPECT_EQ(read->yDpi, shape.dpi);
+    EXPECT_TRUE(test::samePixels(*read, expectedPicture(shape)));
 }
 
 // Peak signal-to-noise ratio of the decoded JPEG against the pattern; it must
@@ -160,42 +156,13 @@ class JpegExport : public testing::TestWithParam<RawShape> {};
 TEST_P(JpegExport, DecodesCloseToTheImage) {
     const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, shape);
-    ASSERT_TRUE(image);
-    const std::string path = dir.file("out.jpg");
-    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypeJPEG));
+    const std::string path = exported(dir, shape, kFileTypeJPEG, "out.jpg");
+    ASSERT_FALSE(path.empty());
 
-    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
-    ASSERT_TRUE(file);
-    jpeg_decompress_struct info;
-    jpeg_error_mgr error;
-    info.err = jpeg_std_error(&error);
-    jpeg_create_decompress(&info);
-    jpeg_stdio_src(&info, file.get());
-    ASSERT_EQ(jpeg_read_header(&info, TRUE), JPEG_HEADER_OK);
-    info.out_color_space = JCS_RGB;
-    jpeg_start_decompress(&info);
-    EXPECT_EQ(info.output_width, static_cast<unsigned>(shape.width));
-    EXPECT_EQ(info.output_height, static_cast<unsigned>(shape.height));
-    EXPECT_EQ(info.density_unit, 1);
-    EXPECT_EQ(info.X_density, shape.dpi);
-    const Bytes expected = expectedRgb(shape);
-    Bytes line(static_cast<std::size_t>(shape.width) * 3);
-    double squared = 0;
-    while (info.output_scanline < info.output_height) {
-        const std::size_t y = info.output_scanline;
-        JSAMPROW row = line.data();
-        jpeg_read_scanlines(&info, &row, 1);
-        for (std::size_t i = 0; i < line.size(); ++i) {
-            const double d = double(line[i]) - expected[y * line.size() + i];
-            squared += d * d;
-        }
-    }
-    jpeg_finish_decompress(&info);
-    jpeg_destroy_decompress(&info);
-    const double mse = squared / double(expected.size());
-    const double psnr = mse == 0 ? 99 : 10 * std::log10(255.0 * 255.0 / mse);
-    EXPECT_GE(psnr, 35.0);
+    const std::optional<test::Picture> read = test::decodeJpeg(path);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->xDpi, shape.dpi);  // only when the density is in dots per inch
+    EXPECT_TRUE(test::closePixels(*read, expectedPicture(shape), 35.0));
 }
 
 // Photo-like content of a few sizes, odd ones included (partial MCUs).
@@ -277,10 +244,9 @@ struct PictReader {
 TEST_P(Export, PictWalksAndDecodes) {
     const RawShape shape = GetParam();
     test::ScratchDir dir;
-    auto image = imageOf(dir, shape);
-    ASSERT_TRUE(image);
-    const std::string path = dir.file("out.pict");
-    ASSERT_TRUE(ImageConvert::saveGWorld(image.get(), path.c_str(), kFileTypePICT));
+    std::unique_ptr<OffscreenImage> image;
+    const std::string path = exported(dir, shape, kFileTypePICT, "out.pict", &image);
+    ASSERT_FALSE(path.empty());
     std::ifstream in(path, std::ios::binary);
     const Bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     ASSERT_GT(file.size(), 512u);
@@ -299,12 +265,9 @@ TEST_P(Export, PictWalksAndDecodes) {
     if (shape.width > 16000) GTEST_SKIP() << "too wide for ImageMagick's policy";
     // ImageMagick reads one- and two-pixel direct rows by its own rule.
     if (!shape.gray && shape.width <= 2) GTEST_SKIP() << "ImageMagick decodes narrow direct rows its own way";
-    const std::string command = "convert 'PICT:" + path + "' -depth 8 rgb:- 2>/dev/null";
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-    ASSERT_TRUE(pipe);
-    Bytes decoded(expected.size() + 1);
-    decoded.resize(std::fread(decoded.data(), 1, decoded.size(), pipe.get()));
-    EXPECT_TRUE(decoded == expected) << "ImageMagick gave " << decoded.size() << " bytes";
+    const std::optional<test::Picture> magick = test::decodePict(path, true);
+    ASSERT_TRUE(magick);
+    EXPECT_TRUE(test::samePixels(*magick, expectedPicture(shape)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Images, Export, testing::ValuesIn(kExportImages));

@@ -10,21 +10,9 @@
 #include <vector>
 
 #include "scanlib/RawFileHeader.h"
+#include "support/TestEnvironment.h"
 
 namespace zentary::test {
-
-class ScratchDir {
-public:
-    ScratchDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "imaging-XXXXXX").string();
-        mPath = ::mkdtemp(pattern.data());
-    }
-    ~ScratchDir() { std::filesystem::remove_all(mPath); }
-    std::string file(const std::string& name) const { return (mPath / name).string(); }
-
-private:
-    std::filesystem::path mPath;
-};
 
 enum class Pattern { Blocky, Smooth };
 

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <string>
 
-#include "emulator/TestChart.h"
+#include "integration/transfers/ChartImages.h"
 #include "support/TestEnvironment.h"
 
 namespace zentary::test {
@@ -41,29 +41,14 @@ inline std::uint32_t hundredths(double millimetres)
     return std::uint32_t(std::lround(millimetres / 0.254));
 }
 
-inline std::uint32_t pixelsFor(std::uint32_t hundredths, std::uint32_t dpi)
+// Whether `frame` (rows of gray or RGB pixels) is the chart as a scan of
+// `area` at `dpi` sees it.
+inline ::testing::AssertionResult isChart(const std::uint8_t* frame, std::uint32_t width, std::uint32_t rows,
+                                          bool gray, const Area& area, std::uint32_t dpi)
 {
-    return std::uint32_t(std::trunc(float(hundredths) / 100.0f * float(dpi)));
-}
-
-// Where in `frame` (rows of bytesPerLine, gray or RGB) the first pixel that
-// differs from the chart is, or -1.
-inline long long firstChartMismatch(const std::uint8_t* frame, std::uint32_t width, std::uint32_t rows, bool gray,
-                                    const Area& area, std::uint32_t dpi)
-{
-    std::uint32_t left = hundredths(area.left), top = hundredths(area.top);
-    std::uint32_t channels = gray ? 1 : 3;
-    for (std::uint32_t y = 0; y < rows; ++y) {
-        std::uint32_t rowClass = chart::rowClass(chart::chartPosition(top, dpi, y));
-        const std::uint8_t* row = frame + std::uint64_t(y) * width * channels;
-        for (std::uint32_t x = 0; x < width; ++x) {
-            chart::Rgb c = chart::colorInRow(chart::chartPosition(left, dpi, x), rowClass);
-            const std::uint8_t* p = row + std::uint64_t(x) * channels;
-            bool same = gray ? p[0] == chart::grayOf(c) : (p[0] == c.r && p[1] == c.g && p[2] == c.b);
-            if (!same) return (long long)y * width + x;
-        }
-    }
-    return -1;
+    const std::uint32_t channels = gray ? 1 : 3;
+    Picture picture{width, rows, channels, 0, 0, {frame, frame + std::size_t(width) * rows * channels}};
+    return samePixels(picture, chartPicture({hundredths(area.left), hundredths(area.top)}, dpi, width, rows, channels));
 }
 
 }  // namespace zentary::test

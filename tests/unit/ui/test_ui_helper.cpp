@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "support/TestEnvironment.h"
+#include "unit/ui/FakeStore.h"
 #include "ui/DataSourceDialog.h"
 #include "ui/ScanProgressDialog.h"
 
@@ -25,7 +26,7 @@ struct HelperFixture : ::testing::Test {
     std::unique_ptr<UserInterface> ui;
     std::vector<UiMessage> replies;
     std::int64_t nextId = 1;
-    std::vector<std::pair<std::uint16_t, SettingValue>> sets;
+    FakeStore fake;
     int scans = 0, closes = 0, stops = 0;
 
     void SetUp() override
@@ -39,23 +40,10 @@ struct HelperFixture : ::testing::Test {
                                              UiHelper::Options{executable, {"--test"}, 2});
         ui->setActionHandler("test", [this](const UiMessage& reply) { replies.push_back(reply); });
     }
-    ScanSettingsStore store()
-    {
-        ScanSettingsStore s;
-        s.allValidValues = [](std::uint16_t cap) -> std::optional<std::vector<SettingValue>> {
-            if (cap == kPixelTypeCapability) return std::vector<SettingValue>{{1}, {2}};
-            return std::vector<SettingValue>{{150, 0}, {300, 0}, {600, 0}};
-        };
-        s.currentValue = [](std::uint16_t cap) -> std::optional<SettingValue> {
-            return cap == kPixelTypeCapability ? SettingValue{2} : SettingValue{300, 0};
-        };
-        s.setCurrentValue = [this](std::uint16_t cap, const SettingValue& v) { sets.emplace_back(cap, v); };
-        return s;
-    }
     std::unique_ptr<DataSourceDialog> dialog()
     {
         return DataSourceDialog::initWithDataSourceEngine(*ui, {[this] { ++scans; }, [this] { ++closes; }}, &bundle,
-                                                          store());
+                                                          fake.store());
     }
     // Sends a test message and waits for its answer.
     UiMessage ask(UiMessage message)
@@ -122,7 +110,7 @@ TEST_F(HelperFixture, DialogShowsTheModelAndSendsTheUsersChoices)
     ask(UiMessage("test.press").set("window", "dialog").set("control", "scan"));
     ASSERT_TRUE(waitFor([&] { return scans == 1; }));
     using Set = std::pair<std::uint16_t, SettingValue>;
-    EXPECT_EQ(sets, (std::vector<Set>{{kPixelTypeCapability, {1}}, {kXResolutionCapability, {600, 0}}}));
+    EXPECT_EQ(fake.sets, (std::vector<Set>{{kPixelTypeCapability, {1}}, {kXResolutionCapability, {600, 0}}}));
     EXPECT_EQ(snapshot("dialog", "dialog-gray-600.png")["imageType"].string("text"), "Gray");
 
     shown.reset();

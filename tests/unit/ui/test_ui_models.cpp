@@ -5,6 +5,7 @@
 #include <map>
 
 #include "support/TestEnvironment.h"
+#include "unit/ui/FakeStore.h"
 #include "ui/DataSourceDialog.h"
 #include "ui/ScanProgressDialog.h"
 
@@ -47,32 +48,6 @@ std::string resolution(int dpi)
            " dpi</string><key>value</key><array><integer>" + std::to_string(dpi) +
            "</integer><integer>0</integer></array></dict>";
 }
-
-// The capability store and preferences as seen by the model, recording writes.
-struct FakeStore {
-    std::vector<SettingValue> validTypes{{1}, {2}};
-    SettingValue currentType{2};
-    std::vector<SettingValue> validResolutions{{150, 0}, {300, 0}, {600, 0}};
-    SettingValue currentResolution{300, 0};
-    std::vector<std::pair<std::uint16_t, SettingValue>> sets;
-    std::vector<std::int32_t> typePrefs;
-    std::vector<std::int16_t> resolutionPrefs;
-
-    ScanSettingsStore store()
-    {
-        ScanSettingsStore s;
-        s.allValidValues = [this](std::uint16_t cap) -> std::optional<std::vector<SettingValue>> {
-            return cap == kPixelTypeCapability ? validTypes : validResolutions;
-        };
-        s.currentValue = [this](std::uint16_t cap) -> std::optional<SettingValue> {
-            return cap == kPixelTypeCapability ? currentType : currentResolution;
-        };
-        s.setCurrentValue = [this](std::uint16_t cap, const SettingValue& v) { sets.emplace_back(cap, v); };
-        s.setImageTypePreference = [this](std::int32_t v) { typePrefs.push_back(v); return true; };
-        s.setResolutionPreference = [this](std::int16_t v) { resolutionPrefs.push_back(v); return true; };
-        return s;
-    }
-};
 
 struct SettingsFixture : ::testing::Test {
     TestBundle files;
