@@ -14,6 +14,7 @@ bool RunLoop::post(Task task, Nesting nesting)
         std::lock_guard<std::mutex> guard(mMutex);
         if (mStopped) return false;
         mTasks.push_back({std::move(task), nesting});
+        mChanges.fetch_add(1, std::memory_order_release);
     }
     mWake.notify_all();
     return true;
@@ -28,6 +29,7 @@ RunLoop::TimerId RunLoop::schedule(std::chrono::milliseconds delay, Task task, s
         id = mNextTimer++;
         if (mStopped) return id;
         mTimers.emplace(id, Timer{Clock::now() + delay, repeat, std::make_shared<Task>(std::move(task)), nesting});
+        mChanges.fetch_add(1, std::memory_order_release);
     }
     mWake.notify_all();
     return id;
@@ -93,6 +95,17 @@ bool RunLoop::runUntil(const std::function<bool()>& done, Clock::time_point dead
         if (mStopped && mTasks.empty()) break;
         auto wakeAt = deadline;
         if (auto due = nextDue(); due && *due < wakeAt) wakeAt = *due;
+        if (wakeAt - Clock::now() > kSpinBeforeSleep) {
+            // The next call usually follows within microseconds: watch for
+            // it before paying for a sleep and a wake-up.
+            const std::uint64_t seen = mChanges.load(std::memory_order_acquire);
+            lock.unlock();
+            const bool changed = spinFor([&] { return mChanges.load(std::memory_order_acquire) != seen; });
+            lock.lock();
+            // Changes are counted under the lock: one made after the watch
+            // but before the lock was retaken is seen here, not slept through.
+            if (changed || mChanges.load(std::memory_order_acquire) != seen) continue;
+        }
         if (wakeAt == Clock::time_point::max())
             mWake.wait(lock);
         else
@@ -119,6 +132,7 @@ void RunLoop::stop()
         std::lock_guard<std::mutex> guard(mMutex);
         mStopped = true;
         mTimers.clear();
+        mChanges.fetch_add(1, std::memory_order_release);
     }
     mWake.notify_all();
 }

@@ -8,6 +8,7 @@
 // other synchronously never deadlock.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -93,6 +94,7 @@ private:
 
     mutable std::mutex mMutex;
     std::condition_variable mWake;
+    std::atomic<std::uint64_t> mChanges{0};  // bumped by post, schedule and stop
     std::deque<Queued> mTasks;
     int mDepth = 0;  // nesting of runUntil on the thread running this loop
     std::map<TimerId, Timer> mTimers;
@@ -116,6 +118,26 @@ private:
     std::thread mThread;
 };
 
+// Waking a sleeping thread costs tens of microseconds on an idle machine,
+// more than most calls between our threads take. A thread about to sleep
+// for an answer, or for the next call, first watches for it this long.
+inline constexpr std::chrono::microseconds kSpinBeforeSleep{50};
+
+// Calls `ready()` until it is true or kSpinBeforeSleep has passed; its
+// last answer.
+template <typename Ready>
+bool spinFor(Ready&& ready)
+{
+    const auto until = std::chrono::steady_clock::now() + kSpinBeforeSleep;
+    for (;;) {
+        if (ready()) return true;
+        if (std::chrono::steady_clock::now() >= until) return false;
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+    }
+}
+
 // Thrown by callOn when the target loop has stopped and can run nothing.
 struct LoopStopped : std::exception {
     const char* what() const noexcept override { return "run loop stopped"; }
@@ -135,7 +157,7 @@ auto callOn(RunLoop& target, Fn&& fn, RunLoop::Nesting nesting = RunLoop::Nestin
     struct Shared {
         std::mutex mutex;
         std::condition_variable cv;
-        bool done = false;
+        std::atomic<bool> done{false};
         std::exception_ptr error;
         std::conditional_t<std::is_void_v<R>, char, std::optional<R>> value{};
     };
@@ -160,15 +182,16 @@ auto callOn(RunLoop& target, Fn&& fn, RunLoop::Nesting nesting = RunLoop::Nestin
         own->runUntil(
             [&] {
                 std::lock_guard<std::mutex> guard(shared->mutex);
-                return shared->done;
+                return shared->done.load();
             },
             RunLoop::Clock::time_point::max());
     }
     // The caller's loop may have stopped before the answer came: the call
     // still has to finish before `fn`, which it refers to, goes away.
+    if (!own) spinFor([&] { return shared->done.load(std::memory_order_acquire); });
     {
         std::unique_lock<std::mutex> lock(shared->mutex);
-        shared->cv.wait(lock, [&] { return shared->done; });
+        shared->cv.wait(lock, [&] { return shared->done.load(); });
     }
     if (shared->error) std::rethrow_exception(shared->error);
     if constexpr (!std::is_void_v<R>) return std::move(*shared->value);
