@@ -179,12 +179,9 @@ auto callOn(RunLoop& target, Fn&& fn, RunLoop::Nesting nesting = RunLoop::Nestin
     }, nesting);
     if (!queued) throw LoopStopped();
     if (own) {
-        own->runUntil(
-            [&] {
-                std::lock_guard<std::mutex> guard(shared->mutex);
-                return shared->done.load();
-            },
-            RunLoop::Clock::time_point::max());
+        // `done` is set after the value and the error: seeing it is enough.
+        own->runUntil([&] { return shared->done.load(std::memory_order_acquire); },
+                      RunLoop::Clock::time_point::max());
     }
     // The caller's loop may have stopped before the answer came: the call
     // still has to finish before `fn`, which it refers to, goes away.
