@@ -18,6 +18,7 @@
 #include "ui/UiBundle.h"
 #include "ui/UserInterface.h"
 #include "platform/UiLog.h"
+#include "scanlib/RawFileReclaim.h"
 #include "scanlib/ScanDevice.h"
 #include "twain/Manager.h"
 
@@ -167,6 +168,7 @@ std::unique_ptr<DataSourceEngine> DataSourceEngine::initWithOrigin(const TW_IDEN
         setCode(conditionCode, TWCC_SEQERROR);
         return nullptr;
     }
+    reclaimAbandonedRawFiles(files::temporaryDirectory());  // scans of clients that died before the transfer
     std::unique_ptr<DataSourceEngine> engine(new (std::nothrow) DataSourceEngine);
     if (!engine) {
         setCode(conditionCode, TWCC_LOWMEMORY);

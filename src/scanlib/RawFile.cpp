@@ -5,10 +5,17 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace zentary {
+
+bool RawFileLock::fileRemoved() const
+{
+    struct stat st;
+    return held() && ::fstat(mFd.get(), &st) == 0 && st.st_nlink == 0;
+}
 
 RawFileWriter::~RawFileWriter()
 {
@@ -18,9 +25,12 @@ RawFileWriter::~RawFileWriter()
 int RawFileWriter::create(const std::string& path)
 {
     discard();
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) return kScanLibErrCreateFile;
-    mFd = fd;
+    files::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!fd) return kScanLibErrCreateFile;
+    // Nobody else can hold a file this new. A file system without flock
+    // leaves it unlocked, and then no sweeper can lock it to remove it either.
+    ::flock(fd.get(), LOCK_EX | LOCK_NB);
+    mFile = RawFileLock(std::move(fd));
     mPath = path;
     return 0;
 }
@@ -29,7 +39,7 @@ int RawFileWriter::writeAll(const void* data, std::size_t size)
 {
     const char* p = static_cast<const char*>(data);
     while (size > 0) {
-        ssize_t n = ::write(mFd, p, size);
+        ssize_t n = ::write(mFile.fd(), p, size);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return kScanLibErrWriteFile;
         p += n;
@@ -40,14 +50,14 @@ int RawFileWriter::writeAll(const void* data, std::size_t size)
 
 int RawFileWriter::writeHeader(const RawFileHeader& header)
 {
-    if (mFd < 0) return kScanLibErrWriteFile;
+    if (!mFile.held()) return kScanLibErrWriteFile;
     return writeAll(&header, sizeof header);
 }
 
 int RawFileWriter::appendRows(const std::uint8_t* base, std::uint32_t rows, std::size_t rowBytes,
                               std::size_t pitchBytes)
 {
-    if (mFd < 0) return kScanLibErrWriteFile;
+    if (!mFile.held()) return kScanLibErrWriteFile;
     if (rows == 0 || rowBytes == 0) return 0;
     if (pitchBytes == rowBytes) return writeAll(base, rowBytes * rows);
     std::uint32_t row = 0;
@@ -58,7 +68,7 @@ int RawFileWriter::appendRows(const std::uint8_t* base, std::uint32_t rows, std:
             mIov[n].iov_len = rowBytes;
         }
         std::size_t total = std::size_t(n) * rowBytes;
-        ssize_t written = ::writev(mFd, mIov, n);
+        ssize_t written = ::writev(mFile.fd(), mIov, n);
         if (written < 0 && errno == EINTR) continue;
         if (written < 0) return kScanLibErrWriteFile;
         if (std::size_t(written) != total) {
@@ -81,28 +91,26 @@ int RawFileWriter::appendRows(const std::uint8_t* base, std::uint32_t rows, std:
 
 int RawFileWriter::finalizeRows(std::uint32_t rows)
 {
-    if (mFd < 0) return kScanLibErrWriteFile;
+    if (!mFile.held()) return kScanLibErrWriteFile;
     RawFileHeader header;
-    if (::pread(mFd, &header, sizeof header, 0) != ssize_t(sizeof header)) return kScanLibErrWriteFile;
+    if (::pread(mFile.fd(), &header, sizeof header, 0) != ssize_t(sizeof header)) return kScanLibErrWriteFile;
     header.rows = rows;
-    if (::pwrite(mFd, &header, sizeof header, 0) != ssize_t(sizeof header)) return kScanLibErrWriteFile;
+    if (::pwrite(mFile.fd(), &header, sizeof header, 0) != ssize_t(sizeof header)) return kScanLibErrWriteFile;
     return 0;
 }
 
-void RawFileWriter::commit()
+RawFileLock RawFileWriter::commit()
 {
-    if (mFd < 0) return;
-    ::close(mFd);
-    mFd = -1;
     mPath.clear();
+    return std::move(mFile);
 }
 
 void RawFileWriter::discard()
 {
-    if (mFd < 0) return;
+    if (!mFile.held()) return;
+    // Unlinked before the lock goes, so no sweeper ever sees it unheld.
     ::unlink(mPath.c_str());
-    ::close(mFd);
-    mFd = -1;
+    mFile.release();
     mPath.clear();
 }
 

@@ -1,6 +1,7 @@
 // Writing and checking raw scan files (layout in RawFileHeader.h).
 #pragma once
 
+#include "platform/Files.h"
 #include "scanlib/RawFileHeader.h"
 
 #include <cstddef>
@@ -10,12 +11,34 @@
 
 namespace zentary {
 
+// An exclusive flock on a raw scan file, held for as long as this process
+// owns the file. A data source that opens sweeps its temporary folder for
+// raw files nobody holds (reclaimAbandonedRawFiles): those of clients that
+// died. The kernel drops the lock with the process, however it ends, and
+// never while it lives.
+class RawFileLock {
+public:
+    RawFileLock() = default;
+    explicit RawFileLock(files::UniqueFd fd) : mFd(std::move(fd)) {}
+
+    bool held() const { return mFd.valid(); }
+    int fd() const { return mFd.get(); }
+    // The owner has removed the file: the lock guards nothing any more, and
+    // the open descriptor only keeps the file's blocks allocated.
+    bool fileRemoved() const;
+    void release() { mFd.reset(); }
+
+private:
+    files::UniqueFd mFd;
+};
+
 // Owns one raw scan file while a job writes it. The file is created new
 // (O_EXCL, mode 0600): a path that already exists, or a symlink planted
 // there, is refused instead of followed. Until commit() the file counts as
 // unfinished, and an unfinished file is unlinked when the writer lets go of
 // it, so an error, a cancel or a thread that goes away never leaves a
-// half-written scan behind.
+// half-written scan behind. The writer holds the file's lock from its
+// creation; commit() hands the lock on to whoever owns the finished scan.
 class RawFileWriter {
 public:
     RawFileWriter() = default;
@@ -24,21 +47,21 @@ public:
     RawFileWriter& operator=(const RawFileWriter&) = delete;
 
     int create(const std::string& path);  // 0 or kScanLibErrCreateFile
-    bool isOpen() const { return mFd >= 0; }
+    bool isOpen() const { return mFile.held(); }
     int writeHeader(const RawFileHeader& header);  // 0 or kScanLibErrWriteFile
     // Appends `rows` rows of `rowBytes` bytes, taken every `pitchBytes` from
     // `base`; gathers many rows per system call and copies nothing.
     int appendRows(const std::uint8_t* base, std::uint32_t rows, std::size_t rowBytes, std::size_t pitchBytes);
     // Rewrites the header's row count in place.
     int finalizeRows(std::uint32_t rows);  // 0 or kScanLibErrWriteFile
-    // Closes the file and keeps it.
-    void commit();
+    // Keeps the file; the lock that comes back owns it from now on.
+    RawFileLock commit();
     // Closes the file and removes it.
     void discard();
 
 private:
     int writeAll(const void* data, std::size_t size);
-    int mFd = -1;
+    RawFileLock mFile;
     std::string mPath;
     static constexpr int kMaxIov = 256;
     iovec mIov[kMaxIov];

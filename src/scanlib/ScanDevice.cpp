@@ -62,13 +62,15 @@ struct ScanDevice::Session final : ScanThreadParent {
     void scanDone(int error) override
     {
         int cause = object ? object->getFirstScanError() : error;
+        auto file = std::make_shared<RawFileLock>(object ? object->takeFinishedFile() : RawFileLock());
         // The session's thread keeps its loop running whenever it waits for
         // us, so this wait ends quickly; the bound is for an engine thread
         // that is stuck elsewhere, and the notification still goes out when
         // it comes back.
-        callWithin(*owner, kScanDoneWait, [weak = std::weak_ptr<ScanDevice*>(alive), error, cause] {
+        callWithin(*owner, kScanDoneWait, [weak = std::weak_ptr<ScanDevice*>(alive), error, cause, file] {
             if (auto device = weak.lock()) {
                 (*device)->mLastScanCause = cause;
+                (*device)->mRawFile = std::move(*file);
                 (*device)->scanDone(error);
             }
         });
@@ -198,6 +200,7 @@ void ScanDevice::closeSession()
     // The thread goes before the unlock exchange: with no job reading the
     // bulk-in pipe, the unlock reply cannot be taken for a scan packet.
     endScanThread();
+    releaseRemovedRawFile();
     mState = kScanStateIdle;
     if (mLocked) unlockScanner();
     if (mInterface) {
@@ -207,8 +210,16 @@ void ScanDevice::closeSession()
     mState = kScanStateIdle;
 }
 
+void ScanDevice::releaseRemovedRawFile()
+{
+    if (mRawFile.fileRemoved()) mRawFile.release();
+}
+
 int ScanDevice::lockScanner()
 {
+    // A new scan is about to have its free space measured: the last one's
+    // file, once removed, must not keep its blocks through our descriptor.
+    releaseRemovedRawFile();
     if (!mInterface) return kScanLibErrNotOpen;
     if (mLocked) return 0;
     int result = PacketUtils::sendPacketToInterface(mInterface, kScanMsgResetBuffers);

@@ -35,6 +35,10 @@
 //   posted, so observers may start another scan or close the session.
 // - unlockScanner during a scan does nothing: the scan thread owns the pipe.
 //   closeSession ends the scan thread before it sends the unlock.
+// - The lock of a completed scan's raw file (RawFileLock) passes from the
+//   scan thread to the device with scanDone and is held until the engine has
+//   removed the file (seen at the next lockScanner or closeSession) or the
+//   device goes, so no other process's sweep takes a scan still to transfer.
 // - Destruction neither unlocks nor stops a scan (the engine closes the
 //   session first); it ends the scan thread, dropping a running job's file,
 //   and posts nothing.
@@ -124,6 +128,7 @@ private:
     bool setDevAttrsFromPID(std::int32_t pid);
     bool validateDPI(std::int32_t dpi) const;
     void endScanThread();
+    void releaseRemovedRawFile();
 
     struct Session;  // the scan thread's loop and its bridge back to us
 
@@ -138,6 +143,7 @@ private:
     int mColorType = kColorTypeColor;
     std::int32_t mDPI = 300;
     std::optional<std::string> mFilePath;
+    RawFileLock mRawFile;  // the completed scan's file, until it is removed
     int mLastScanError = 0;
     int mLastScanCause = 0;
     bool mDestroying = false;

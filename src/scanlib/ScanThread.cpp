@@ -43,6 +43,7 @@ int ScanThread::startScanToFile(const std::string& path)
     mFirstDataPacket = false;
     mLastError = 0;
     mFirstError = 0;
+    mFinishedFile.release();
 
     if (mFid.create(path) != 0) return kScanLibErrCreateFile;
     std::uint32_t status = 0;
@@ -263,7 +264,7 @@ void ScanThread::finishJob()
     if (error == 0 && mFileHeaderWritten && !mFileHeaderFinal) error = finalizeFileHeader();
     if (error == 0 && !mFileHeaderWritten) error = mJobState == kJobCancelling ? kScanLibErrAborted : kScanLibErrRead;
     if (error == 0)
-        mFid.commit();
+        mFinishedFile = mFid.commit();
     else
         mFid.discard();
     if (mFirstError == 0) mFirstError = error;

@@ -59,6 +59,8 @@ public:
     // the code that ends a cancelled job (usually kScanLibErrAborted) hides.
     int getFirstScanError() const { return mFirstError; }
     bool isJobRunning() const { return mJobRunning; }
+    // The lock of the last job's finished file, for whoever owns the scan now.
+    RawFileLock takeFinishedFile() { return std::move(mFinishedFile); }
     std::int32_t tag() const { return mTag; }
 
     // One step of a job: reads and handles one packet. Public for fuzzing,
@@ -92,6 +94,7 @@ private:
     std::int32_t mNumRowsToScan = 1;
     std::int32_t mTotalScanlines = 0;
     RawFileWriter mFid;
+    RawFileLock mFinishedFile;
     bool mFileHeaderWritten = false;
     bool mFileHeaderFinal = false;
     std::uint32_t mPixelsPerRow = 0;
