@@ -14,6 +14,7 @@
 #include "CapabilityList.h"
 #include "ImageOutput.h"
 #include "TwainText.h"
+#include "WorkFolder.h"
 
 namespace zentary {
 
@@ -171,13 +172,23 @@ SessionResult ScanSession::negotiate()
     return {};
 }
 
+namespace {
+
+// The size of the raw scan file at its end, from the frame (rows padded to
+// 8 pixels, 4 bytes a colour pixel).
+double expectedRawBytes(const ScanOptions& options)
+{
+    double width = std::ceil(options.area.width * options.resolution / 8) * 8;
+    double rows = std::ceil(options.area.height * options.resolution);
+    return width * rows * (options.mode == ColorMode::Gray ? 1 : 4) + 32;
+}
+
+}  // namespace
+
 double ScanSession::scanFraction() const
 {
-    // The raw scan file grows as rows arrive; its expected size follows from
-    // the frame (rows padded to 8 pixels, 4 bytes a colour pixel).
-    double width = std::ceil(mOptions.area.width * mOptions.resolution / 8) * 8;
-    double rows = std::ceil(mOptions.area.height * mOptions.resolution);
-    double expected = width * rows * (mOptions.mode == ColorMode::Gray ? 1 : 4) + 32;
+    // The raw scan file grows as rows arrive.
+    double expected = expectedRawBytes(mOptions);
     std::error_code ec;
     for (const auto& entry : std::filesystem::directory_iterator(mWorkDir, ec))
         if (entry.path().extension() == ".raw") return static_cast<double>(entry.file_size(ec)) / expected;
@@ -205,6 +216,11 @@ SessionResult ScanSession::waitForTransfer()
             mProgress.finish();
             UiLogSummary log = readUiLog(mUiLog);
             if (log.cancelled) return {kExitCancelled, "cancelled in the dialog"};
+            // A temporary folder that is full or cannot be written looks like
+            // a scanner failure from inside the source; we can tell them apart.
+            std::string storage = storageProblem(mWorkDir, static_cast<std::uint64_t>(expectedRawBytes(mOptions)),
+                                                 std::filesystem::path(mWorkDir).parent_path().string());
+            if (!storage.empty()) return {kExitFailure, storage};
             std::string alert = alertText();
             return {kExitDevice, alert.empty() ? "the scan failed: the scanner stopped sending the image"
                                                : "the scan failed; the scanner said " + alert};

@@ -2,12 +2,10 @@
 // TIFF, JPEG or PICT file through the TWAIN data source, exactly as any
 // TWAIN client would drive it.
 #include <libusb.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -17,6 +15,8 @@
 #include "InstalledManager.h"
 #include "ScanOptions.h"
 #include "ScanSession.h"
+#include "StopSignals.h"
+#include "WorkFolder.h"
 #include "emulator/EmulatorOptions.h"
 
 namespace zentary {
@@ -26,17 +26,6 @@ namespace fs = std::filesystem;
 
 constexpr std::uint16_t kVendorId = 0x2E5D;
 constexpr std::uint16_t kProductId = 0x4A21;
-
-std::atomic<bool> gInterrupted{false};
-
-void onInterrupt(int)
-{
-    // The first Ctrl-C stops cleanly; a second one is the user insisting.
-    if (gInterrupted.exchange(true)) {
-        signal(SIGINT, SIG_DFL);
-        raise(SIGINT);
-    }
-}
 
 int fail(int code, const std::string& message)
 {
@@ -81,28 +70,6 @@ std::string findDataSource()
     return {};
 }
 
-// A private folder for the data source's temporary files and UI log, gone
-// with everything in it when the tool exits, however it exits normally.
-class WorkDir {
-public:
-    WorkDir()
-    {
-        std::string pattern = (fs::temp_directory_path() / "zentary-scan-XXXXXX").string();
-        if (mkdtemp(pattern.data())) mPath = pattern;
-    }
-    ~WorkDir()
-    {
-        std::error_code ec;
-        if (!mPath.empty()) fs::remove_all(mPath, ec);
-    }
-    WorkDir(const WorkDir&) = delete;
-    WorkDir& operator=(const WorkDir&) = delete;
-    const std::string& path() const { return mPath; }
-
-private:
-    std::string mPath;
-};
-
 std::string footer()
 {
     return std::string(R"(
@@ -130,7 +97,15 @@ EXIT STATUS
        writable or already there; nothing was scanned
   3    device error: no scanner, the scanner failed during the scan, or
        the TWAIN manager given with --dsm is unusable or lacks the source
-  130  cancelled (Ctrl-C, or Cancel in the dialog)
+  129  stopped by SIGHUP (the terminal went away)
+  130  cancelled: Ctrl-C (SIGINT), or Cancel in the dialog
+  141  stopped by SIGPIPE (the reader of stdout or stderr went away)
+  143  stopped by SIGTERM
+  On any of these four signals the scan stops and the tool first removes
+  the partial output, the raw scan and its temporary folder, then exits
+  with 128 + the signal's number; a second signal does not cut that short.
+  A temporary folder (TMPDIR) that is full or cannot be written gives 1 and
+  names the folder.
   Errors are one line on stderr naming the TWAIN condition code (TWCC_...)
   and the alert the data source showed.
 
@@ -145,6 +120,7 @@ ENVIRONMENT
   ZENTARY_UI      with --ui: unset shows windows when there is a display;
                   "headless" scans at once, "headless-cancel" cancels
   ZENTARY_NATIVE  "pict": native transfers hand over a PICT picture
+  ZENTARY_SCANNER the scanner when --device is not given, as for --device
   TMPDIR          where the raw scan is kept during the scan
 
 EXAMPLES
@@ -158,6 +134,8 @@ EXAMPLES
 
 int run(int argc, char** argv)
 {
+    // Before anything is made that a signal could leave behind.
+    catchStopSignals();
     ScanOptions options;
     std::string mode = "color", mechanism = "file", area = "letter", device = "auto";
     CLI::App app("Scan from the Tarvell Zentary Q305 through its TWAIN data source.", "zentary-scan");
@@ -204,8 +182,14 @@ int run(int argc, char** argv)
                                                 : Mechanism::File;
     options.mechanismChosen = app.count("--xfer") > 0;
     std::string error;
-    if (!parseArea(area, &options.area, &error) || !parseDevice(device, &options.device, &error))
-        return fail(kExitUsage, error);
+    // Without --device the scanner is the one ZENTARY_SCANNER names, as for
+    // every other program that loads the data source.
+    const char* selected = std::getenv("ZENTARY_SCANNER");
+    bool fromEnvironment = !app.count("--device") && selected && *selected;
+    if (fromEnvironment) device = selected;
+    if (!parseArea(area, &options.area, &error)) return fail(kExitUsage, error);
+    if (!parseDevice(device, &options.device, &error))
+        return fail(kExitUsage, fromEnvironment ? "ZENTARY_SCANNER" + error.substr(error.find(':')) : error);
     if (options.json && !options.list) return fail(kExitUsage, "--json goes with --list");
     if (!options.dsmPath.empty()) {
         // A manager's memory functions cannot tell a handle's size, so the
@@ -262,19 +246,12 @@ int run(int argc, char** argv)
         dsPath = options.sourcePath.empty() ? findDataSource() : options.sourcePath;
         if (dsPath.empty()) return fail(kExitFailure, "cannot find ZentaryQ305.ds (give its path with --source)");
     }
-    WorkDir work;
-    if (work.path().empty()) return fail(kExitFailure, "cannot make a temporary folder");
+    WorkFolder work;
+    if (work.path().empty()) return fail(kExitFailure, work.error());
     std::string uiLog = work.path() + "/ui.log";
     setenv("TMPDIR", work.path().c_str(), 1);
     setenv("ZENTARY_UI_LOG", uiLog.c_str(), 1);
     if (!options.showUI) setenv("ZENTARY_UI", "headless", 1);
-
-    struct sigaction action {};
-    action.sa_handler = onInterrupt;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
 
     std::unique_ptr<TwainLink> source;
     if (!options.dsmPath.empty()) {
@@ -286,9 +263,12 @@ int run(int argc, char** argv)
         if (!source) return fail(kExitFailure, "cannot load " + dsPath + ": " + error);
     }
     ProgressReporter progress(isatty(STDERR_FILENO) == 1);
-    ScanSession session(*source, options, progress, gInterrupted, work.path(), uiLog);
+    ScanSession session(*source, options, progress, stopRequested(), work.path(), uiLog);
     SessionResult result = options.list ? session.list() : session.scan();
     progress.finish();
+    // A scan that got as far as its file stands; anything else a signal ended.
+    if (result.exitCode != kExitOk && stopSignal())
+        return fail(128 + stopSignal(), "stopped by " + stopSignalName(stopSignal()));
     if (result.exitCode != kExitOk) return fail(result.exitCode, result.message);
     std::fputs(result.message.c_str(), stdout);
     if (!result.message.empty() && result.message.back() != '\n') std::fputc('\n', stdout);
