@@ -1,15 +1,17 @@
 #include "ToolRunner.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <optional>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 namespace zentary::test {
 
@@ -26,7 +28,7 @@ std::string slurp(const std::filesystem::path& file)
 }  // namespace
 
 ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>& args,
-                const std::vector<std::string>& env, int interruptAfterMs)
+                const std::vector<std::string>& env, const Signals& signals, const std::vector<std::string>& wrapper)
 {
     const char* tool = std::getenv("ZENTARY_SCAN_TOOL");
     ToolRun run;
@@ -34,34 +36,55 @@ ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>
         run.err = "ZENTARY_SCAN_TOOL is not set";
         return run;
     }
-    std::filesystem::path logs = std::filesystem::temp_directory_path();
-    std::string outPath = (logs / ("zst-out-" + std::to_string(getpid()))).string();
-    std::string errPath = (logs / ("zst-err-" + std::to_string(getpid()))).string();
+    std::string outPath = (std::filesystem::temp_directory_path() / ("zst-out-" + std::to_string(getpid()))).string();
+    // stderr comes through a pipe, so that signals can follow the phases it announces.
+    int err[2];
+    if (pipe2(err, O_CLOEXEC) != 0) return run;
+    std::vector<std::string> command = wrapper;
+    command.push_back(tool);
+    command.insert(command.end(), args.begin(), args.end());
     pid_t child = fork();
     if (child == 0) {
         int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (out < 0 || err < 0 || chdir(dir.c_str()) != 0) _exit(127);
+        if (out < 0 || chdir(dir.c_str()) != 0) _exit(127);
         dup2(out, 1);
-        dup2(err, 2);
+        dup2(err[1], 2);
         for (const std::string& entry : env) putenv(const_cast<char*>(entry.c_str()));
-        std::vector<char*> argv{const_cast<char*>(tool)};
-        for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+        std::vector<char*> argv;
+        for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
         argv.push_back(nullptr);
-        execv(tool, argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
-    if (interruptAfterMs > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(interruptAfterMs));
-        kill(child, SIGINT);
+    close(err[1]);
+    using Clock = std::chrono::steady_clock;
+    std::optional<Clock::time_point> phase;
+    std::size_t next = 0;
+    for (;;) {
+        int wait = -1;
+        if (phase && next < signals.sent.size()) {
+            auto due = *phase + std::chrono::milliseconds(signals.sent[next].first);
+            if (Clock::now() >= due) {
+                kill(child, signals.sent[next++].second);
+                continue;
+            }
+            wait = int(std::chrono::duration_cast<std::chrono::milliseconds>(due - Clock::now()).count()) + 1;
+        }
+        pollfd readable{err[0], POLLIN, 0};
+        if (poll(&readable, 1, wait) == 0) continue;
+        char buffer[4096];
+        ssize_t n = read(err[0], buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        run.err.append(buffer, std::size_t(n));
+        if (!phase && !signals.after.empty() && run.err.find(signals.after) != std::string::npos) phase = Clock::now();
     }
+    close(err[0]);
     int status = 0;
     waitpid(child, &status, 0);
     run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     run.out = slurp(outPath);
-    run.err = slurp(errPath);
     std::filesystem::remove(outPath);
-    std::filesystem::remove(errPath);
     return run;
 }
 

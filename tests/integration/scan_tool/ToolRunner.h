@@ -5,6 +5,7 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "integration/transfers/ChartImages.h"
@@ -17,10 +18,18 @@ struct ToolRun {
     std::string err;
 };
 
+// Signals for the tool, each sent `delayMs` after `after` first shows on its
+// stderr (the phase it announces), while it runs.
+struct Signals {
+    std::string after;
+    std::vector<std::pair<int, int>> sent;  // {delayMs, signal}
+};
+
 // Runs the tool in `dir` with `args`; `env` entries NAME=VALUE are added.
-// With `interruptAfterMs` > 0 the tool gets SIGINT that long after start.
+// `wrapper` is a command line the tool's own is appended to (it must exec it).
 ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>& args,
-                const std::vector<std::string>& env = {}, int interruptAfterMs = 0);
+                const std::vector<std::string>& env = {}, const Signals& signals = {},
+                const std::vector<std::string>& wrapper = {});
 
 // Entries of `dir` other than those named in `keep`: what a failed run left behind.
 std::vector<std::string> strayFiles(const std::filesystem::path& dir, const std::vector<std::string>& keep = {});
