@@ -7,10 +7,14 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/Files.h"
+
 namespace zentary {
 
 // "zentary-scan-XXXXXX" in $TMPDIR (else /tmp), removed with everything in it
-// when this object goes.
+// when this object goes. A run killed outright (SIGKILL, a crash) cannot do
+// that, so each run holds a flock on its folder and first removes the
+// folders of this user that nobody holds.
 class WorkFolder {
 public:
     WorkFolder();
@@ -28,6 +32,7 @@ private:
     std::string mParent;
     std::string mPath;
     std::string mError;
+    files::UniqueFd mLock;  // the folder, flock'ed while we live
 };
 
 // Why a scan into `folder` of `needed` bytes could fail for want of storage:

@@ -3,8 +3,13 @@
 // way it says why, exits with its own code and leaves nothing behind.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 
 #include "ToolRunner.h"
 #include "support/TestEnvironment.h"
@@ -59,6 +64,26 @@ TEST_F(ScanToolStops, EverySignalInEveryPhaseCleansUpAndExitsWith128PlusItsNumbe
             EXPECT_EQ(test::strayFiles(mScratch.path(), {"tmp"}), std::vector<std::string>{}) << "output or lock";
             EXPECT_EQ(test::strayFiles(mTmp), std::vector<std::string>{}) << "raw scan or work folder";
         }
+}
+
+// SIGKILL leaves the run no chance to clean up: the next run does it, but
+// never in the folder of a run that still lives.
+TEST_F(ScanToolStops, TheNextRunRemovesTheFolderOfAKilledRunOnly)
+{
+    test::ToolRun killed = test::runTool(mScratch.path(), {"--area", "0,0,4,4", "out.tif"}, env(",mbps=4,rows=16"),
+                                         {"Scanning...", {{300, SIGKILL}}});
+    ASSERT_EQ(killed.exitCode, 128 + SIGKILL) << killed.err;
+    ASSERT_EQ(test::strayFiles(mTmp).size(), 1u) << "the killed run left no folder: nothing to test";
+    fs::path live = mTmp / "zentary-scan-live00";
+    fs::create_directory(live);
+    std::ofstream(live / "Image_2026_01_01_00_00_00.raw") << "a live run's scan";
+    int held = open(live.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
+    test::ToolRun next = test::runTool(mScratch.path(), {"--list"}, env(""));
+    close(held);
+    EXPECT_EQ(next.exitCode, 0) << next.err;
+    EXPECT_EQ(test::strayFiles(mTmp), std::vector<std::string>{"zentary-scan-live00"});
+    EXPECT_TRUE(fs::exists(live / "Image_2026_01_01_00_00_00.raw"));
 }
 
 // The folder is a file system of its own, mounted in a user namespace: the
