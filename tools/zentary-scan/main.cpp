@@ -104,6 +104,8 @@ EXIT STATUS
   On any of these four signals the scan stops and the tool first removes
   the partial output, the raw scan and its temporary folder, then exits
   with 128 + the signal's number; a second signal does not cut that short.
+  A run killed outright (SIGKILL) leaves its temporary folder in TMPDIR;
+  the next run removes it.
   A temporary folder (TMPDIR) that is full or cannot be written gives 1 and
   names the folder.
   Errors are one line on stderr naming the TWAIN condition code (TWCC_...)
