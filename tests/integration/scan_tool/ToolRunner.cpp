@@ -1,17 +1,16 @@
 #include "ToolRunner.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <optional>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace zentary::test {
 
@@ -57,27 +56,26 @@ ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>
         _exit(127);
     }
     close(err[1]);
-    using Clock = std::chrono::steady_clock;
-    std::optional<Clock::time_point> phase;
-    std::size_t next = 0;
-    for (;;) {
-        int wait = -1;
-        if (phase && next < signals.sent.size()) {
-            auto due = *phase + std::chrono::milliseconds(signals.sent[next].first);
-            if (Clock::now() >= due) {
-                kill(child, signals.sent[next++].second);
-                continue;
-            }
-            wait = int(std::chrono::duration_cast<std::chrono::milliseconds>(due - Clock::now()).count()) + 1;
-        }
-        pollfd readable{err[0], POLLIN, 0};
-        if (poll(&readable, 1, wait) == 0) continue;
+    auto readSome = [&run, fd = err[0]] {
         char buffer[4096];
-        ssize_t n = read(err[0], buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        run.err.append(buffer, std::size_t(n));
-        if (!phase && !signals.after.empty() && run.err.find(signals.after) != std::string::npos) phase = Clock::now();
+        ssize_t n;
+        while ((n = read(fd, buffer, sizeof buffer)) < 0 && errno == EINTR) {
+        }
+        if (n > 0) run.err.append(buffer, std::size_t(n));
+        return n > 0;
+    };
+    // The phases' announcements are short: the pipe holds what comes meanwhile.
+    if (!signals.after.empty()) {
+        while (run.err.find(signals.after) == std::string::npos && readSome()) {
+        }
+        int elapsed = 0;
+        for (auto [delay, signal] : signals.sent) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay - elapsed));
+            elapsed = delay;
+            kill(child, signal);  // not yet reaped: never another process
+        }
+    }
+    while (readSome()) {
     }
     close(err[0]);
     int status = 0;
