@@ -61,12 +61,12 @@ CapabilityValue frameValue(const TW_FRAME& frame)
     return CapabilityValue::list({edge(frame.Left), edge(frame.Top), edge(frame.Right), edge(frame.Bottom)});
 }
 
+// The container codec reads a client's frame as four pairs; anything else
+// would read as an empty frame, which the layout rules refuse.
 TW_FRAME frameOf(const CapabilityValue& value)
 {
     auto edge = [&](std::size_t i) {
-        const CapabilityValue& v = value.items().size() == 4 ? value.items()[i] : value;
-        return TW_FIX32{static_cast<TW_INT16>(v.items().size() == 2 ? v.items()[0].number() : 0),
-                        static_cast<TW_UINT16>(v.items().size() == 2 ? v.items()[1].number() : 0)};
+        return value.items().size() == 4 ? fix32Value(value.items()[i]).value_or(TW_FIX32{0, 0}) : TW_FIX32{0, 0};
     };
     return {edge(0), edge(1), edge(2), edge(3)};
 }

@@ -8,11 +8,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
-#include <cstring>
-#include <functional>
 #include <span>
 
 #include "HandleExtent.h"
