@@ -3,12 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 
-#include "HandleExtent.h"
 #include "ImageOutput.h"
-#include "imaging/ByteSink.h"
-#include "imaging/ImageExport.h"
 #include "ScanOptions.h"
 
 namespace zentary {
@@ -84,47 +80,6 @@ TEST(StripAssembler, RefusesStripsThatDoNotFitTheImage)
     EXPECT_TRUE(assembler->complete());
     auto image = assembler->take();
     EXPECT_EQ(image->row(3)[4 * 4 + 3], 7);  // last pixel's blue byte
-}
-
-TEST(HandleExtent, ATiffReachesExactlyToItsLastByteAndNoFurther)
-{
-    for (int depth : {8, 32}) {
-        auto image = OffscreenImage::create(depth, Rect{0, 0, 7, 5});
-        ASSERT_TRUE(image);
-        std::vector<std::uint8_t> file;
-        MemorySink sink(file);
-        ASSERT_TRUE(writeTiff(*image, sink));
-        auto walk = [&](std::size_t available, std::uint64_t limit) {
-            return tiffExtent(
-                [&](std::uint64_t offset, std::size_t length, void* out) {
-                    if (offset > available || length > available - offset) return false;
-                    std::memcpy(out, file.data() + offset, length);
-                    return true;
-                },
-                limit);
-        };
-        EXPECT_EQ(walk(file.size(), ~0ull), std::optional<std::uint64_t>(file.size())) << depth;
-        EXPECT_FALSE(walk(file.size(), file.size() - 1)) << depth;
-        // The first directory pointing at itself.
-        std::uint32_t first;
-        std::memcpy(&first, file.data() + 4, 4);
-        std::uint16_t entries;
-        std::memcpy(&entries, file.data() + first, 2);
-        std::memcpy(file.data() + first + 2 + 12 * entries, &first, 4);
-        EXPECT_FALSE(walk(file.size(), ~0ull)) << depth;
-    }
-    // Containers reach through NumItems items of their type, within a bound.
-    std::uint8_t array[6] = {4, 0, 3, 0, 0, 0};  // TWTY_UINT16, NumItems 3
-    ByteReader header = [&](std::uint64_t offset, std::size_t length, void* out) {
-        if (offset + length > sizeof array) return false;
-        std::memcpy(out, array + offset, length);
-        return true;
-    };
-    EXPECT_EQ(containerExtent(twain::TWON_ARRAY, header, 3), std::optional<std::uint64_t>(12));
-    EXPECT_EQ(containerExtent(twain::TWON_ENUMERATION, header, 3), std::optional<std::uint64_t>(20));
-    EXPECT_FALSE(containerExtent(twain::TWON_ARRAY, header, 2));
-    array[0] = 13;  // TWTY_STR1024 has no fixed place in a container here
-    EXPECT_FALSE(containerExtent(twain::TWON_ONEVALUE, header, 3));
 }
 
 }  // namespace
