@@ -11,6 +11,11 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "Zentary Q305 driver team <zentary@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "TWAIN data source and scanning tool for the Tarvell Zentary Q305")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+# Installed into a staging DESTDIR with the prefix /usr itself, so that the
+# install rules see the system prefix and put the data source under
+# /usr/local/lib/twain (see ZENTARY_TWAIN_INSTALL_DIR).
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
 # Library dependencies come from the binaries themselves.

@@ -23,7 +23,7 @@ namespace {
 
 using namespace twain;
 
-// Values nest at most as an array of TW_FIX32 pairs; anything deeper is not a
+// Values nest at most as an array of frames of TW_FIX32 pairs; anything deeper is not a
 // value, and a depth limit keeps a hostile file from exhausting the stack.
 constexpr int kMaxValueDepth = 4;
 // Dependency chains are followed recursively when building and propagating;
@@ -207,10 +207,10 @@ bool Loader::parseRecord(const std::string& where, plist_t node, CapabilityRecor
         return true;
     };
     // Container types other than array, enumeration and one-value load, and
-    // then answer only MSG_QUERYSUPPORT. Item types beyond TW_FIX32 (strings,
-    // frames) have no value form in the store at all.
+    // then answer only MSG_QUERYSUPPORT. Item types beyond TW_FRAME (strings,
+    // handles) have no value form in the store at all.
     if (!integerKey("ContainerType", 0xFFFF, record.containerType)) return false;
-    if (!integerKey("ItemType", TWTY_FIX32, record.itemType)) return false;
+    if (!integerKey("ItemType", TWTY_FRAME, record.itemType)) return false;
 
     plist_t operations = plist_dict_get_item(node, "SupportedOperations");
     if (!operations) return fail(where, "\"SupportedOperations\" is missing");

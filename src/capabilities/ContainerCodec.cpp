@@ -39,6 +39,13 @@ bool encodeItem(TW_UINT16 itemType, const CapabilityValue& value, std::uint8_t* 
         put(at + 2, static_cast<TW_UINT16>(value.items()[1].number()));
         return true;
     }
+    if (itemType == TWTY_FRAME) {
+        // Left, Top, Right, Bottom: four TW_FIX32 in a row.
+        if (value.isNumber() || value.items().size() != 4) return false;
+        for (std::size_t i = 0; i < 4; ++i)
+            if (!encodeItem(TWTY_FIX32, value.items()[i], at + 4 * i)) return false;
+        return true;
+    }
     if (!value.isNumber()) return false;
     std::int64_t v = value.number();
     switch (itemType) {
@@ -74,6 +81,9 @@ CapabilityValue decodeItem(TW_UINT16 itemType, const std::uint8_t* at)
         // same client bytes mean the same thing in every container.
         case TWTY_BOOL: return at[0] != 0 ? 1 : 0;
         case TWTY_FIX32: return CapabilityValue::fix32(get<TW_INT16>(at), get<TW_UINT16>(at + 2));
+        case TWTY_FRAME:
+            return CapabilityValue::list({decodeItem(TWTY_FIX32, at), decodeItem(TWTY_FIX32, at + 4),
+                                          decodeItem(TWTY_FIX32, at + 8), decodeItem(TWTY_FIX32, at + 12)});
         default: return 0;
     }
 }
@@ -154,8 +164,8 @@ static_assert(offsetof(TW_ARRAY, NumItems) == offsetof(TW_ENUMERATION, NumItems)
 
 std::size_t itemSize(TW_UINT16 itemType)
 {
-    // The store carries no item type beyond TWTY_FIX32.
-    return itemType <= TWTY_FIX32 ? twain::itemSize(itemType) : 0;
+    // The store carries no strings or handles.
+    return itemType <= TWTY_FRAME ? twain::itemSize(itemType) : 0;
 }
 
 bool itemFits(TW_UINT16 itemType, const CapabilityValue& value)
@@ -163,6 +173,12 @@ bool itemFits(TW_UINT16 itemType, const CapabilityValue& value)
     if (itemType == TWTY_FIX32)
         return value.isFix32() && inRange<TW_INT16>(value.items()[0].number()) &&
                inRange<TW_UINT16>(value.items()[1].number());
+    if (itemType == TWTY_FRAME) {
+        if (value.isNumber() || value.items().size() != 4) return false;
+        for (const auto& edge : value.items())
+            if (!itemFits(TWTY_FIX32, edge)) return false;
+        return true;
+    }
     if (!value.isNumber()) return false;
     std::int64_t v = value.number();
     switch (itemType) {
@@ -181,8 +197,10 @@ TW_HANDLE makeOneValue(TW_UINT16 itemType, const CapabilityValue& value, TW_UINT
 {
     // The Item field is always 32 bits wide and holds the value widened to
     // it, so a client that reads every one-value as 32 bits gets it right.
-    std::uint8_t item[4] = {};
-    if (itemType == TWTY_FIX32) {
+    // Only a frame is wider: the handle grows by what does not fit.
+    std::uint8_t item[16] = {};
+    std::size_t itemBytes = itemType == TWTY_FRAME ? 16 : 4;
+    if (itemType == TWTY_FIX32 || itemType == TWTY_FRAME) {
         if (!encodeItem(itemType, value, item)) {
             setCode(conditionCode, TWCC_BUMMER);
             return nullptr;
@@ -206,13 +224,13 @@ TW_HANDLE makeOneValue(TW_UINT16 itemType, const CapabilityValue& value, TW_UINT
         }
         put(item, widened);
     }
-    NewHandle handle(sizeof(TW_ONEVALUE));
+    NewHandle handle(sizeof(TW_ONEVALUE) - 4 + itemBytes);
     if (!handle.data()) {
         setCode(conditionCode, TWCC_LOWMEMORY);
         return nullptr;
     }
     put(handle.data(), itemType);
-    std::memcpy(handle.data() + offsetof(TW_ONEVALUE, Item), item, sizeof item);
+    std::memcpy(handle.data() + offsetof(TW_ONEVALUE, Item), item, itemBytes);
     return handle.release();
 }
 

@@ -23,7 +23,7 @@ namespace zentary::containers {
 inline constexpr std::uint32_t kMaxUnsizedItems = 65536;
 
 // Bytes per item in an enumeration or array list; 0 for an item type the
-// store does not support (strings, frames, handles).
+// store does not support (strings, handles).
 std::size_t itemSize(TW_UINT16 itemType);
 
 // Whether `value` can be written as one item of `itemType` without loss.

@@ -65,6 +65,7 @@ TW_UINT16 DataSourceEngine::capability(TW_UINT16 message, TW_CAPABILITY* cap, TW
         // Capabilities are negotiated before the source is enabled; from
         // then on they can be read but not changed.
         if (mState != kStateOpen) return failWith(conditionCode, TWCC_SEQERROR);
+        if (cap->Cap == ICAP_FRAMES) return frames(message, cap, conditionCode);  // the layout's rules
         return message == MSG_SET ? caps.setTwain(cap, conditionCode) : caps.resetTwain(cap, conditionCode);
     default:
         return failWith(conditionCode, TWCC_BADPROTOCOL);

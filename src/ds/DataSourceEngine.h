@@ -107,6 +107,11 @@ private:
     TW_UINT16 imageLayout(TW_UINT16 message, TW_IMAGELAYOUT* layout, TW_UINT16* conditionCode);
     TW_UINT16 setImageLayout(const TW_IMAGELAYOUT& layout, TW_UINT16* conditionCode);
     TW_UINT16 defaultLayout(TW_IMAGELAYOUT& layout);
+    // MSG_SET and MSG_RESET of ICAP_FRAMES: the frame of DAT_IMAGELAYOUT, set
+    // under the same rules.
+    TW_UINT16 frames(TW_UINT16 message, TW_CAPABILITY* cap, TW_UINT16* conditionCode);
+    // Makes ICAP_FRAMES show the frame now in mImageLayout.
+    void publishFrame();
     TW_UINT16 nativeTransfer(TW_UINT16 message, TW_HANDLE* picture, TW_UINT16* conditionCode);
     TW_UINT16 fileTransfer(TW_UINT16 message, TW_UINT16* conditionCode);
     TW_UINT16 memoryTransfer(TW_UINT16 message, TW_IMAGEMEMXFER* block, TW_UINT16* conditionCode);

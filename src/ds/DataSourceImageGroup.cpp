@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "capabilities/Capabilities.h"
+#include "capabilities/ContainerCodec.h"
 #include "ds/DSAlerts.h"
 #include "ds/DSFileUtils.h"
 #include "ds/DSPreferences.h"
@@ -51,6 +52,23 @@ std::optional<TW_FIX32> fix32Value(const std::optional<CapabilityValue>& value)
     if (!value || !value->isFix32()) return std::nullopt;
     return TW_FIX32{static_cast<TW_INT16>(value->items()[0].number()),
                     static_cast<TW_UINT16>(value->items()[1].number())};
+}
+
+// ICAP_FRAMES keeps a frame as its four edges, each a TW_FIX32 pair.
+CapabilityValue frameValue(const TW_FRAME& frame)
+{
+    auto edge = [](const TW_FIX32& v) { return CapabilityValue::fix32(v.Whole, v.Frac); };
+    return CapabilityValue::list({edge(frame.Left), edge(frame.Top), edge(frame.Right), edge(frame.Bottom)});
+}
+
+// The container codec reads a client's frame as four pairs; anything else
+// would read as an empty frame, which the layout rules refuse.
+TW_FRAME frameOf(const CapabilityValue& value)
+{
+    auto edge = [&](std::size_t i) {
+        return value.items().size() == 4 ? fix32Value(value.items()[i]).value_or(TW_FIX32{0, 0}) : TW_FIX32{0, 0};
+    };
+    return {edge(0), edge(1), edge(2), edge(3)};
 }
 
 // Native transfers hand over a whole TIFF file unless the user asked for the
@@ -192,6 +210,7 @@ TW_UINT16 DataSourceEngine::imageLayout(TW_UINT16 message, TW_IMAGELAYOUT* layou
         TW_IMAGELAYOUT fresh{};
         if (TW_UINT16 code = defaultLayout(fresh)) return failWith(conditionCode, code);
         *layout = mImageLayout = fresh;
+        publishFrame();
         return TWRC_SUCCESS;
     }
     case MSG_SET:
@@ -240,7 +259,47 @@ TW_UINT16 DataSourceEngine::setImageLayout(const TW_IMAGELAYOUT& layout, TW_UINT
     if (layout.DocumentNumber != kDontCare32) mImageLayout.DocumentNumber = layout.DocumentNumber;
     if (layout.PageNumber != kDontCare32) mImageLayout.PageNumber = layout.PageNumber;
     if (layout.FrameNumber != kDontCare32) mImageLayout.FrameNumber = layout.FrameNumber;
+    publishFrame();
     return rc;
+}
+
+void DataSourceEngine::publishFrame()
+{
+    // ICAP_FRAMES offers no list of frames, so any frame of the right shape
+    // is taken, and ours always has it.
+    mCapabilities->setCurrentValue(ICAP_FRAMES, frameValue(mImageLayout.Frame));
+}
+
+TW_UINT16 DataSourceEngine::frames(TW_UINT16 message, TW_CAPABILITY* cap, TW_UINT16* conditionCode)
+{
+    if (message == MSG_RESET) {
+        TW_IMAGELAYOUT fresh{};
+        if (TW_UINT16 code = defaultLayout(fresh)) return failWith(conditionCode, code);
+        mImageLayout.Frame = fresh.Frame;
+        publishFrame();
+        return mCapabilities->getCurrentTwain(cap, conditionCode);
+    }
+    // One frame a page: a one-value, or the current item of an enumeration
+    // (the others are dropped, and the client told so).
+    if (!cap->hContainer) return failWith(conditionCode, TWCC_BADVALUE);
+    containers::ClientContainer container(cap->hContainer);
+    if (container.itemType() != std::optional<TW_UINT16>(TWTY_FRAME)) return failWith(conditionCode, TWCC_BADVALUE);
+    TW_UINT16 code = TWCC_BADVALUE;
+    std::optional<CapabilityValue> frame;
+    bool dropped = false;
+    if (cap->ConType == TWON_ONEVALUE) {
+        frame = container.oneValue(TWTY_FRAME, false, &code);
+    } else if (cap->ConType == TWON_ENUMERATION) {
+        TW_UINT32 current = 0;
+        auto items = container.enumerationItems(TWTY_FRAME, &current, &code);
+        if (items && current >= items->size()) return failWith(conditionCode, TWCC_BUMMER);
+        if (items) frame = (*items)[current], dropped = items->size() > 1;
+    } else {
+        return failWith(conditionCode, TWCC_BUMMER);
+    }
+    if (!frame) return failWith(conditionCode, code);
+    TW_UINT16 rc = setImageLayout({frameOf(*frame), kDontCare32, kDontCare32, kDontCare32}, conditionCode);
+    return rc == TWRC_SUCCESS && dropped && !mClientIsImageCapture ? TWRC_CHECKSTATUS : rc;
 }
 
 TW_UINT16 DataSourceEngine::nativeTransfer(TW_UINT16 message, TW_HANDLE* picture, TW_UINT16* conditionCode)

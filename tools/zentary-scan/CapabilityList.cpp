@@ -13,6 +13,15 @@ using namespace twain;
 
 namespace {
 
+// A container in a handle of unknown size (through an installed manager)
+// reaches as far as its type and NumItems say; far more items than any
+// scanner's capability has are refused.
+OwnedHandle::Extent containerWalk(TW_UINT16 conType)
+{
+    constexpr std::uint32_t kMaxItems = 65536;
+    return [conType](const ByteReader& read) { return containerExtent(conType, read, kMaxItems); };
+}
+
 double fix32(const std::uint8_t* at)
 {
     TW_FIX32 fix;
@@ -67,7 +76,7 @@ std::optional<Answer> ask(TwainLink& source, TW_UINT16 cap, TW_UINT16 message)
         source.conditionCode();  // clear it: a refused question is not an error here
         return std::nullopt;
     }
-    std::span<const std::uint8_t> container = owned.bytes();
+    std::span<const std::uint8_t> container = owned.bytes(containerWalk(capability.ConType));
     if (container.size() < 2) return std::nullopt;
     const std::optional<std::size_t> size = container.size();
     const std::uint8_t* bytes = container.data();
@@ -149,7 +158,7 @@ std::vector<TW_UINT16> supportedCapabilities(TwainLink& source)
     TW_CAPABILITY capability{CAP_SUPPORTEDCAPS, TWON_DONTCARE16, nullptr};
     TW_UINT16 rc = source.call(DG_CONTROL, DAT_CAPABILITY, MSG_GET, &capability);
     OwnedHandle owned(source, capability.hContainer);
-    std::span<const std::uint8_t> container = owned.bytes();
+    std::span<const std::uint8_t> container = owned.bytes(containerWalk(capability.ConType));
     if (rc != TWRC_SUCCESS || capability.ConType != TWON_ARRAY || container.size() < 6) return caps;
     const std::optional<std::size_t> size = container.size();
     const std::uint8_t* bytes = container.data();

@@ -34,8 +34,8 @@ public:
     void release(TW_HANDLE handle) override;
     TW_MEMREF lock(TW_HANDLE handle) override;
     void unlock(TW_HANDLE handle) override;
-    // A manager's memory functions cannot tell a handle's size, so nothing
-    // the source hands over as a bare handle is ever read.
+    // A manager's memory functions cannot tell a handle's size: what the
+    // source hands over is read as far as its contents say.
     std::optional<std::size_t> sizeOf(TW_HANDLE) override { return std::nullopt; }
 
 private:

@@ -237,8 +237,12 @@ SessionResult ScanSession::transferNative(const TW_IMAGEINFO& info, const std::s
     TW_UINT16 rc = mSource.call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle);
     OwnedHandle owned(mSource, handle);
     if (rc != TWRC_XFERDONE) return failure(kExitFailure, "the native transfer failed");
-    std::span<const std::uint8_t> bytes = owned.bytes();
-    if (bytes.empty()) return {kExitFailure, "the native transfer handed over no image"};
+    // Through an installed manager the handle's size is unknown: a TIFF
+    // file says how far it reaches; a picture cannot be read that way.
+    std::span<const std::uint8_t> bytes =
+        owned.bytes([](const ByteReader& read) { return tiffExtent(read, OwnedHandle::kMaxUnsizedBytes); });
+    if (bytes.empty())
+        return {kExitFailure, "the native transfer handed over no image (through --dsm only a TIFF can be read)"};
     bool isTiff = bytes.size() >= 4 && (std::memcmp(bytes.data(), "II*\0", 4) == 0 ||
                                         std::memcmp(bytes.data(), "MM\0*", 4) == 0);
     if (!isTiff) {

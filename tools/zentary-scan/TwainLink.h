@@ -8,11 +8,14 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <span>
 
+#include "HandleExtent.h"
 #include "twain/twain.h"
 
 namespace zentary {
@@ -39,7 +42,8 @@ public:
     virtual TW_MEMREF lock(TW_HANDLE handle) = 0;
     virtual void unlock(TW_HANDLE handle) = 0;
     // The allocated size of a handle the source gave us, or nothing when it
-    // cannot be known: such a handle is never read.
+    // cannot be known: such a handle is read only as far as its contents
+    // say (see OwnedHandle::bytes).
     virtual std::optional<std::size_t> sizeOf(TW_HANDLE handle) = 0;
 
 protected:
@@ -91,19 +95,37 @@ public:
     OwnedHandle(const OwnedHandle&) = delete;
     OwnedHandle& operator=(const OwnedHandle&) = delete;
 
-    // Empty when there is no handle or its size is unknown.
-    std::span<const std::uint8_t> bytes()
+    // The extent of a handle's contents, walked through a reader.
+    using Extent = std::function<std::optional<std::uint64_t>(const ByteReader&)>;
+
+    // Empty when there is no handle, or its size is unknown and `extent`
+    // cannot tell it from the contents.
+    std::span<const std::uint8_t> bytes(const Extent& extent = {})
     {
         if (!mHandle) return {};
         std::optional<std::size_t> size = mLink.sizeOf(mHandle);
-        if (!size) return {};
+        if (!size && !extent) return {};
         if (!mLocked) {
             mData = mLink.lock(mHandle);
             mLocked = true;
         }
         if (!mData) return {};
-        return {static_cast<const std::uint8_t*>(mData), *size};
+        const auto* data = static_cast<const std::uint8_t*>(mData);
+        if (!size) {
+            // A manager's handle: as far as the contents claim, within what
+            // a classic TIFF or a container can address at all.
+            std::optional<std::uint64_t> end = extent([data](std::uint64_t offset, std::size_t length, void* out) {
+                if (offset > kMaxUnsizedBytes || length > kMaxUnsizedBytes - offset) return false;
+                std::memcpy(out, data + offset, length);
+                return true;
+            });
+            if (!end) return {};
+            size = static_cast<std::size_t>(*end);
+        }
+        return {data, *size};
     }
+
+    static constexpr std::uint64_t kMaxUnsizedBytes = 0xFFFFFFFFu;
 
 private:
     TwainLink& mLink;

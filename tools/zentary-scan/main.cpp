@@ -114,9 +114,10 @@ EXIT STATUS
 TWAIN MANAGER
   By default the tool loads the data source itself. With --dsm PATH it goes
   through an installed TWAIN 2 Data Source Manager instead, as any TWAIN
-  application does, and asks it for the source named by --source-name. A
-  manager's handles do not tell their size, so native transfers and --list
-  are not offered through one.
+  application does, and asks it for the source named by --source-name.
+  Every transfer mechanism and --list work through it; a native transfer
+  through a manager must hand over a TIFF (the default), since a manager's
+  handle does not tell its size and only a TIFF file says where it ends.
 
 ENVIRONMENT
   ZENTARY_UI      with --ui: unset shows windows when there is a display;
@@ -194,13 +195,7 @@ int run(int argc, char** argv)
         return fail(kExitUsage, fromEnvironment ? "ZENTARY_SCANNER" + error.substr(error.find(':')) : error);
     if (options.json && !options.list) return fail(kExitUsage, "--json goes with --list");
     if (!options.dsmPath.empty()) {
-        // A manager's memory functions cannot tell a handle's size, so the
-        // handles a native transfer and the capability answers come in are
-        // never read through one.
         if (!options.sourcePath.empty()) return fail(kExitUsage, "--source and --dsm exclude each other");
-        if (options.list) return fail(kExitUsage, "--list cannot go through --dsm: use it without --dsm");
-        if (options.mechanism == Mechanism::Native)
-            return fail(kExitUsage, "--xfer native cannot go through --dsm: use --xfer memory or file");
     } else if (app.count("--source-name")) {
         return fail(kExitUsage, "--source-name goes with --dsm");
     }

@@ -37,7 +37,7 @@ TEST_F(ScanDsm, ImageThroughTheManagerMatchesTheChart)
     struct Case {
         std::vector<std::string> xfer;  // none: the default, a file transfer
         const char* mode;
-    } cases[] = {{{}, "color"}, {{"--xfer", "memory"}, "gray"}};
+    } cases[] = {{{}, "color"}, {{"--xfer", "memory"}, "gray"}, {{"--xfer", "native"}, "color"}, {{"--xfer", "native"}, "gray"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.mode);
         std::vector<std::string> args = {"--dsm", mDsm, "--device", "emulator", "--mode", c.mode,
@@ -51,6 +51,17 @@ TEST_F(ScanDsm, ImageThroughTheManagerMatchesTheChart)
         const std::uint32_t channels = std::string(c.mode) == "gray" ? 1 : 3;
         EXPECT_TRUE(test::samePixels(*image, test::chartPicture({kLeft, kTop}, kDpi, kDpi, kDpi / 2, channels)));
     }
+}
+
+TEST_F(ScanDsm, ListThroughTheManagerIsTheListWithout)
+{
+    ASSERT_FALSE(mDsm.empty());
+    test::ToolRun direct = test::runTool(mScratch.path(), {"--device", "emulator", "--list", "--json"}, mEnv);
+    test::ToolRun managed =
+        test::runTool(mScratch.path(), {"--dsm", mDsm, "--device", "emulator", "--list", "--json"}, mEnv);
+    ASSERT_EQ(managed.exitCode, 0) << managed.err;
+    EXPECT_NE(managed.out.find("\"ICAP_FRAMES\""), std::string::npos) << managed.out;
+    EXPECT_EQ(managed.out, direct.out);
 }
 
 TEST_F(ScanDsm, WhatIsNotAUsableManagerIsRefusedInOneLine)
@@ -68,7 +79,7 @@ TEST_F(ScanDsm, WhatIsNotAUsableManagerIsRefusedInOneLine)
         {{"--dsm", env("ZENTARY_DS")}, {}, kDevice, "does not export DSM_Entry"},
         {{"--dsm", mDsm, "--source-name", "Flatbed 9000"}, {}, kDevice, "no source named \"Flatbed 9000\""},
         {{"--dsm", mDsm}, {"ZENTARY_TEST_DSM_DIR=" + (mScratch.path() / "empty").string()}, kDevice, "no source"},
-        {{"--dsm", mDsm, "--xfer", "native"}, {}, kUsage, "--xfer memory or file"},
+        {{"--dsm", mDsm, "--source", env("ZENTARY_DS")}, {}, kUsage, "--source and --dsm exclude each other"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args[1] + " " + c.args.back());

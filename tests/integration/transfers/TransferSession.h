@@ -46,7 +46,21 @@ struct Scan {
     std::uint32_t dpi;
     std::optional<Area> area;  // none: the whole glass
     TW_UINT16 mechanism;
+    bool throughFrames = false;  // the area set with ICAP_FRAMES instead of DAT_IMAGELAYOUT
 };
+
+// MSG_SET of ICAP_FRAMES with a one-value holding `frame`.
+inline TW_UINT16 setFrame(DataSourceManager& source, const TW_FRAME& frame)
+{
+    auto* one = static_cast<std::uint8_t*>(std::calloc(1, sizeof(TW_UINT16) + sizeof(TW_FRAME)));
+    const TW_UINT16 type = TWTY_FRAME;
+    std::memcpy(one, &type, sizeof type);
+    std::memcpy(one + sizeof type, &frame, sizeof frame);
+    TW_CAPABILITY capability{ICAP_FRAMES, TWON_ONEVALUE, one};
+    TW_UINT16 rc = source.call(DG_CONTROL, DAT_CAPABILITY, MSG_SET, &capability);
+    std::free(one);
+    return rc;
+}
 
 class TransferTest : public SourceTest {
 protected:
@@ -74,7 +88,9 @@ protected:
         ASSERT_EQ(setOneValue(*mSource, ICAP_XFERMECH, TWTY_UINT16, scan.mechanism), TWRC_SUCCESS);
         if (scan.area) {
             TW_IMAGELAYOUT layout = layoutOf(*scan.area);
-            ASSERT_EQ(mSource->call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &layout), TWRC_SUCCESS);
+            ASSERT_EQ(scan.throughFrames ? setFrame(*mSource, layout.Frame)
+                                         : mSource->call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &layout),
+                      TWRC_SUCCESS);
         }
         if (beforeEnable) beforeEnable();
         ASSERT_EQ(enable(*mSource, false), TWRC_SUCCESS);

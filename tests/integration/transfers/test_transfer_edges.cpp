@@ -42,6 +42,18 @@ protected:
         std::free(capability.hContainer);
         return value;
     }
+    // ICAP_FRAMES as a one-value of `message`, with its handle's size.
+    std::pair<TW_FRAME, std::size_t> frames(TW_UINT16 message)
+    {
+        TW_CAPABILITY capability{ICAP_FRAMES, 0, nullptr};
+        EXPECT_EQ(mSource->call(DG_CONTROL, DAT_CAPABILITY, message, &capability), TWRC_SUCCESS) << message;
+        TW_FRAME frame{};
+        std::size_t size = DataSourceManager::handleSize(capability.hContainer).value_or(0);
+        if (capability.ConType == TWON_ONEVALUE && size >= 18)
+            std::memcpy(&frame, static_cast<char*>(capability.hContainer) + offsetof(TW_ONEVALUE, Item), sizeof frame);
+        std::free(capability.hContainer);
+        return {frame, size};
+    }
 };
 
 bool operator==(const TW_FIX32& a, const TW_FIX32& b)
@@ -66,7 +78,7 @@ TEST_F(TransferEdgeTest, MemoryStripsCarryWholePaddedRowsWithinTheAnnouncedBuffe
         handle = !handle;
         ASSERT_NO_FATAL_FAILURE(open());
         ScanArea area{};
-        ASSERT_NO_FATAL_FAILURE(scanToReady({c.pixelType, 150, Area{0, 25, c.right, 50}, TWSX_MEMORY},
+        ASSERT_NO_FATAL_FAILURE(scanToReady({c.pixelType, 150, Area{0, 25, c.right, 50}, TWSX_MEMORY, handle},
                                             [&] { area = scannedArea(); }));
         TW_IMAGEINFO info = imageInfo();
         ASSERT_EQ(std::uint32_t(info.ImageWidth), c.width);
@@ -129,14 +141,21 @@ TEST_F(TransferEdgeTest, TheFrameIsKeptOnTheGlass)
             {"upside down", {zero, three, two, one}, TWRC_FAILURE, {}},
         };
         TW_IMAGELAYOUT before = layout(MSG_GET, {}, TWRC_SUCCESS);
+        // The frame is one, set through either view and seen by the other.
+        bool throughFrames = imageCapture;
         for (const Case& c : cases) {
-            SCOPED_TRACE(c.what);
+            SCOPED_TRACE(std::string(c.what) + (throughFrames ? ", set as ICAP_FRAMES" : ""));
             TW_IMAGELAYOUT record{c.set, 4, 5, 6};
-            EXPECT_EQ(mSource->call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &record), c.rc);
+            EXPECT_EQ(throughFrames ? setFrame(*mSource, c.set)
+                                    : mSource->call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &record),
+                      c.rc);
             if (c.rc == TWRC_FAILURE) {
                 EXPECT_EQ(mSource->conditionCode(), TWCC_BADVALUE);
             }
             TW_IMAGELAYOUT now = layout(MSG_GET, {}, TWRC_SUCCESS);
+            TW_FRAME frame = frames(MSG_GET).first;
+            EXPECT_EQ(std::memcmp(&frame, &now.Frame, sizeof frame), 0);
+            throughFrames = !throughFrames;
             if (c.rc == TWRC_FAILURE) {
                 EXPECT_TRUE(now.Frame.Right == before.Frame.Right && now.Frame.Top == before.Frame.Top);
                 continue;
@@ -161,6 +180,15 @@ TEST_F(TransferEdgeTest, TheFrameIsKeptOnTheGlass)
                 << message;
             EXPECT_EQ(whole.DocumentNumber + whole.PageNumber + whole.FrameNumber, 3u) << message;
         }
+        const TW_FRAME glass{zero, zero, width, height};
+        EXPECT_EQ(setFrame(*mSource, {one, one, two, two}), TWRC_SUCCESS);
+        for (TW_UINT16 message : {MSG_GETDEFAULT, MSG_RESET}) {
+            auto [frame, size] = frames(message);
+            EXPECT_EQ(std::memcmp(&frame, &glass, sizeof frame), 0) << message;
+            EXPECT_EQ(size, 18u) << message;
+        }
+        TW_IMAGELAYOUT reset = layout(MSG_GET, {}, TWRC_SUCCESS);
+        EXPECT_EQ(std::memcmp(&reset.Frame, &glass, sizeof glass), 0);
         // Enabled, the frame may be read but not changed.
         // (The window mode is read when the source opens.)
         ScopedEnv cancel("ZENTARY_UI", "headless-cancel");
@@ -173,6 +201,8 @@ TEST_F(TransferEdgeTest, TheFrameIsKeptOnTheGlass)
         layout(MSG_SET, {{zero, zero, one, one}, 1, 1, 1}, TWRC_FAILURE);
         EXPECT_EQ(mSource->conditionCode(), TWCC_SEQERROR);
         layout(MSG_RESET, {}, TWRC_FAILURE);
+        EXPECT_EQ(mSource->conditionCode(), TWCC_SEQERROR);
+        EXPECT_EQ(setFrame(*mSource, {zero, zero, one, one}), TWRC_FAILURE);
         EXPECT_EQ(mSource->conditionCode(), TWCC_SEQERROR);
         EXPECT_EQ(mSource->call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, nullptr), TWRC_FAILURE);
         EXPECT_EQ(mSource->conditionCode(), TWCC_BADVALUE);

@@ -161,7 +161,7 @@ TEST(Definitions, BrokenFilesAreRefusedWithTheReason)
          "<dict><key>0x0B01</key><dict><key>ItemType</key><integer>4</integer></dict></dict>",
          "key 0x0B01: \"ContainerType\" is missing"},
         {"wrong type", "<dict>" + record("0x0B01", TWON_ONEVALUE, 9, ints({1}), ok) + "</dict>",
-         "\"ItemType\" is not an integer from 0 to 7"},
+         "\"ItemType\" is not an integer from 0 to 8"},
         {"value too wide", "<dict>" + record("0x0B01", TWON_ONEVALUE, TWTY_UINT8, ints({1}), entry(ints({300}), ints({1}))) + "</dict>",
          "entry 0: \"Values element 0\" does not fit item type 3"},
         {"entry without default", "<dict>" + one("0x0B01", "", "<dict><key>Dependencies</key><dict/><key>Values</key><array/></dict>") + "</dict>",

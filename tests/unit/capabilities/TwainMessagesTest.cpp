@@ -28,10 +28,12 @@ TEST(TwainMessages, EveryMessageAnswersWithItsContainerAndCode)
         {"enumeration reset", ICAP_PIXELTYPE, &C::resetTwain, 0, 0, TWON_ONEVALUE, 6},
         {"fix32 enumeration get", ICAP_XRESOLUTION, &C::getTwain, 0, 0, TWON_ENUMERATION, 15 + 4 * 4},
         {"one-value get", ICAP_PHYSICALWIDTH, &C::getTwain, 0, 0, TWON_ONEVALUE, 6},
+        {"frame one-value", ICAP_FRAMES, &C::getCurrentTwain, 0, 0, TWON_ONEVALUE, 2 + 16},
+        {"bit order", ICAP_BITORDER, &C::getTwain, 0, 0, TWON_ENUMERATION, 15 + 2},
         {"get-only set", ICAP_PHYSICALWIDTH, &C::setTwain, 1, TWCC_BADVALUE, 0, 0},  // null container first
         {"get-only reset", ICAP_PHYSICALWIDTH, &C::resetTwain, 1, TWCC_CAPBADOPERATION, 0, 0},
-        {"array get", CAP_SUPPORTEDCAPS, &C::getTwain, 0, 0, TWON_ARRAY, 7 + 19 * 2},
-        {"array default", CAP_SUPPORTEDCAPS, &C::getDefaultTwain, 0, 0, TWON_ARRAY, 7 + 19 * 2},
+        {"array get", CAP_SUPPORTEDCAPS, &C::getTwain, 0, 0, TWON_ARRAY, 7 + 21 * 2},
+        {"array default", CAP_SUPPORTEDCAPS, &C::getDefaultTwain, 0, 0, TWON_ARRAY, 7 + 21 * 2},
         {"array reset", CAP_SUPPORTEDCAPS, &C::resetTwain, 1, TWCC_CAPBADOPERATION, 0, 0},
         {"query", CAP_SUPPORTEDCAPS, &C::querySupportTwain, 0, 0, TWON_ONEVALUE, 6},
         {"unknown get", 0x9999, &C::getTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
@@ -80,12 +82,14 @@ TEST(TwainMessages, ContainersCarryTheValuesInTheLinuxLayout)
     EXPECT_EQ(send(*store, &C::querySupportTwain, CAP_SUPPORTEDCAPS).u32(2), 13u);
     // Array: CAP_SUPPORTEDCAPS starts with itself and names each capability once.
     auto caps = send(*store, &C::getTwain, CAP_SUPPORTEDCAPS);
-    ASSERT_EQ(caps.u32(2), 19u);
+    ASSERT_EQ(caps.u32(2), 21u);
     EXPECT_EQ(caps.u16(6), CAP_SUPPORTEDCAPS);
     std::set<TW_UINT16> seen;
-    for (std::uint32_t i = 1; i < 19; ++i) seen.insert(caps.u16(6 + 2 * i));
-    EXPECT_EQ(seen.size(), 18u);
+    for (std::uint32_t i = 1; i < 21; ++i) seen.insert(caps.u16(6 + 2 * i));
+    EXPECT_EQ(seen.size(), 20u);
     EXPECT_FALSE(seen.count(CAP_SUPPORTEDCAPS));
+    EXPECT_TRUE(seen.count(ICAP_FRAMES) && seen.count(ICAP_BITORDER));
+    EXPECT_EQ(send(*store, &C::getCurrentTwain, ICAP_BITORDER).u32(2), TWBO_MSBFIRST);
 }
 
 TEST(TwainMessages, SetChecksTheClientsContainerBeforeItsValue)
@@ -122,6 +126,7 @@ TEST(TwainMessages, SetChecksTheClientsContainerBeforeItsValue)
          }(),
          TWCC_BADVALUE},
         {"empty enumeration", ICAP_PIXELTYPE, TWON_ENUMERATION, enumeration(TWTY_UINT16, {}, 0), TWCC_BUMMER},
+        {"frame cut short", ICAP_FRAMES, TWON_ONEVALUE, [] { std::vector<std::uint8_t> b(2 + 15); b[0] = TWTY_FRAME; return b; }(), TWCC_BADVALUE},
         {"boolean one-value reads its low byte", CAP_INDICATORS, TWON_ONEVALUE, oneValue(TWTY_BOOL, 0x0100), 0},
     };
     for (auto& row : rows) {
