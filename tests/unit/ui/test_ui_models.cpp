@@ -162,7 +162,7 @@ struct HeadlessFixture : ::testing::Test {
     {
         std::vector<std::string> names;
         for (const std::string& line : test::readLines(logDir.path() / "ui.log"))
-            if (auto message = UiMessage::decode(line)) names.push_back(message->type());
+            if (auto message = UiMessage::decode(line)) names.push_back(message->string("event").value_or(""));
         return names;
     }
 };
@@ -181,7 +181,7 @@ TEST_F(HeadlessFixture, TheDialogPressesItsButtonOnceItIsUp)
         loop.runFor(std::chrono::milliseconds(20));
         EXPECT_EQ(scans, mode == UserInterface::Mode::Headless ? 1 : 0);
         EXPECT_EQ(closes, mode == UserInterface::Mode::Headless ? 0 : 1);
-        EXPECT_EQ(ui.presentAlert({1, "m", "", {"Ok", "Cancel"}, false}), 1000);
+        EXPECT_EQ(ui.presentAlert({1, "m", "", {"Ok", "Cancel"}, false, "", "", -1}), 1000);
         dialog.reset();
         EXPECT_EQ(DataSourceDialog::current(), nullptr);
     }
