@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
 
+#include "platform/StringsTable.h"
 #include "support/TestEnvironment.h"
 #include "unit/ui/FakeStore.h"
 #include "ui/DataSourceDialog.h"
@@ -35,6 +37,30 @@ struct TestBundle {
             << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>" << body << "</dict></plist>";
     }
 };
+
+// A language whose table lacks a key shows that text in English; one with a
+// key English does not have translates nothing. Every shipped table has
+// exactly the English keys, each with a text.
+TEST(StringsTables, EveryLanguageHasExactlyTheEnglishKeys)
+{
+    std::filesystem::path resources = test::bundlePath() / "Resources";
+    auto keysOf = [&](const std::string& language) {
+        std::ifstream in(resources / (language + ".lproj") / "Localizable.strings", std::ios::binary);
+        std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        auto table = parseStringsTable(bytes);
+        EXPECT_TRUE(table && !table->empty()) << language;
+        std::vector<std::string> keys;
+        for (const auto& [key, text] : table.value_or(std::map<std::string, std::string>())) {
+            EXPECT_FALSE(text.empty()) << language << " " << key;
+            keys.push_back(key);
+        }
+        return keys;
+    };
+    std::vector<std::string> english = keysOf("en");
+    EXPECT_EQ(std::count(english.begin(), english.end(), kCancelling), 1);
+    for (const char* language : {"de", "fr", "es", "it", "pt_BR", "ja", "zh_Hans"})
+        EXPECT_EQ(keysOf(language), english) << language;
+}
 
 std::string imageType(const char* key, const char* name, int value)
 {
