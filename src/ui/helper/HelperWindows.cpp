@@ -387,14 +387,15 @@ void HelperWindows::autopilot(QWidget* window, const QString& name, QAbstractBut
     QPointer<QWidget> target(window);
     QPointer<QAbstractButton> button(press);
     // A moment later, as a person would: the window has been laid out.
-    QTimer::singleShot(300, [target, button, path] {
+    bool stays = button && button == mProgressCancel;
+    QTimer::singleShot(300, [target, button, path, stays] {
         if (!target || !target->isVisible()) return;
         target->grab().save(path, "PNG");
         if (!button || !button->isEnabled()) return;
         button->click();
-        // A window that stays after the press (the progress window after
-        // Cancel) is kept as it then looks, too.
-        if (!target || !target->isVisible()) return;
+        // The progress window stays after Cancel until it is closed: it is
+        // kept as it then looks, too.
+        if (!stays || !target || !target->isVisible()) return;
         if (target->layout()) target->layout()->activate();
         QString after = path;
         target->grab().save(after.replace(".png", "-pressed.png"), "PNG");
