@@ -435,6 +435,9 @@ void HelperWindows::buildProgress()
 void HelperWindows::showProgress(const UiMessage& message, bool show)
 {
     if (!mProgress) buildProgress();
+    // A window shown anew (a restarted helper replays the last state) starts
+    // from a live Cancel; the state below says whether it was taken.
+    if (show) mProgressCancel->setEnabled(true);
     if (auto title = message.string("title")) mProgress->setWindowTitle(qt(*title));
     if (auto cancel = message.string("cancel")) {
         mProgressCancel->setText(qt(*cancel));
@@ -461,7 +464,6 @@ void HelperWindows::showProgress(const UiMessage& message, bool show)
         mBar->setValue(static_cast<int>(std::lround(fraction * 1000)));
     }
     if (show) {
-        mProgressCancel->setEnabled(true);
         mProgress->adjustSize();
         centre(mProgress);
         mProgress->show();
