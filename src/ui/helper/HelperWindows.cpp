@@ -192,22 +192,20 @@ std::string describe(const std::string& window, QWidget* widget)
     if (auto* button = qobject_cast<QPushButton*>(widget)) entry.set("default", button->isDefault());
     // Where it is and whether its text fits: windows on the screen, the rest
     // within their window.
-    QRect place = widget->isWindow() ? widget->frameGeometry()
-                                     : QRect(widget->mapTo(widget->window(), QPoint(0, 0)), widget->size());
-    entry.set("x", place.x()).set("y", place.y()).set("width", place.width()).set("height", place.height());
-    entry.set("fits", fits(widget)).set("accessibleName", utf8(widget->accessibleName()));
-    if (widget->isWindow()) {
+    entry.set("accessibleName", utf8(widget->accessibleName()));
+    if (!widget->isWindow()) {
+        QRect place(widget->mapTo(widget->window(), QPoint(0, 0)), widget->size());
+        entry.set("whole", fits(widget) && widget->window()->rect().contains(place));
+    } else {
+        QRect place = widget->frameGeometry();
+        QRect area = widget->screen() ? widget->screen()->availableGeometry() : QRect();
+        QPoint off = place.center() - area.center();
         entry.set("title", utf8(widget->windowTitle()))
             .set("hasIcon", !widget->windowIcon().isNull())
-            .set("fixedSize", widget->minimumSize() == widget->maximumSize());
-        if (QScreen* screen = widget->screen()) {
-            QRect area = screen->availableGeometry();
-            entry.set("screenX", area.x()).set("screenY", area.y()).set("screenWidth", area.width()).set("screenHeight", area.height());
-        }
-        if (auto* box = qobject_cast<QMessageBox*>(widget)) {
-            entry.set("icon", iconName(box->icon()));
-            entry.set("escapeButton", box->escapeButton() ? utf8(box->escapeButton()->objectName()) : "");
-        }
+            .set("fixedSize", widget->minimumSize() == widget->maximumSize())
+            .set("onScreen", area.contains(place))
+            .set("centred", std::abs(off.x()) <= 1 && std::abs(off.y()) <= 1);
+        if (auto* box = qobject_cast<QMessageBox*>(widget)) entry.set("icon", iconName(box->icon()));
     }
     return entry.encode();
 }
