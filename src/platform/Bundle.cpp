@@ -52,7 +52,8 @@ std::vector<std::string> tableNamesOf(std::string_view locale)
         auto rest = locale.substr(end + 1);
         rest = rest.substr(0, rest.find_first_of(".@"));
         bool plain = rest.size() >= 2 && rest.size() <= 4;
-        for (char c : rest) plain = plain && ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'));
+        for (char c : rest)
+            plain = plain && ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'));
         if (plain) {
             for (std::size_t i = 0; i < rest.size(); ++i) {
                 char c = rest[i];
