@@ -67,6 +67,7 @@ UiMessage ScanProgressDialog::windowMessage(const char* type) const
         .set("cancel", text(kCancelKey, kCancel))
         .set("message", mCancelled ? cancelling : mProgress ? mProgress->progressMessage() : std::string())
         .set("messages", messages)
+        .set("cancelling", cancelling)
         .set("progress", mProgress ? static_cast<double>(mProgress->progress()) : 0.0)
         .set("sampled", mSampled)
         .set("scanning", mProgress ? mProgress->isScanning() : true)

@@ -447,8 +447,8 @@ void HelperWindows::showProgress(const UiMessage& message, bool show)
         for (const std::string& text : *messages)
             widest = std::max(widest, mMessage->fontMetrics().horizontalAdvance(qt(text)));
         mMessage->setMinimumWidth(widest);
-        if (messages->size() >= 3) mCancellingText = qt((*messages)[2]);
     }
+    if (auto text = message.string("cancelling")) mCancellingText = qt(*text);
     if (auto text = message.string("message")) mMessage->setText(qt(*text));
     if (message.boolean("cancelled").value_or(false)) cancelled();
     if (!message.boolean("sampled").value_or(true)) {
@@ -568,8 +568,9 @@ void HelperWindows::test(const UiMessage& message)
             }
         }
     } else if ((type == "test.key" || type == "test.close") && target && target->isVisible()) {
-        // A key as the keyboard delivers it: to the control with the focus,
-        // passed on to the window when the control does not want it.
+        // A key as the keyboard delivers it to the control that has the focus
+        // (`control`, or the window), passed on to the window when the
+        // control does not want it.
         if (type == "test.close") {
             target->close();
         } else {
