@@ -1,5 +1,7 @@
 #include "ui/HelperAlertPresenter.h"
 
+#include <iterator>
+
 namespace zentary {
 
 namespace {
