@@ -30,7 +30,8 @@ void DataSourceEngine::startUserInterface()
     UiHelper::Options options = UiHelper::Options::forResources(mUiBundle ? mUiBundle->resourcePath : "");
     mUi = std::make_shared<UserInterface>(*mLoop, UserInterface::modeFromEnvironment(), options);
     // Alerts go where the windows go for as long as this engine lives.
-    if (mUi->mode() == UserInterface::Mode::Helper) alerts::setPresenter(std::make_shared<HelperAlertPresenter>(mUi));
+    if (mUi->mode() == UserInterface::Mode::Helper)
+        alerts::setPresenter(std::make_shared<HelperAlertPresenter>(mUi, kName));
 }
 
 void DataSourceEngine::stopUserInterface()

@@ -1,5 +1,6 @@
 #include "platform/Bundle.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 
@@ -28,20 +29,48 @@ std::optional<std::filesystem::path> ownBundleDirectory()
     return absolute.parent_path() / (absolute.stem().string() + ".bundle");
 }
 
-// "de_DE.UTF-8" -> "de"; nothing for "C", "POSIX" or anything that is not a
-// plain language code (the result becomes part of a path).
-std::optional<std::string> languageOf(std::string_view locale)
+// The table names one locale entry ("de_DE.UTF-8", "pt_BR", "zh_CN") may
+// be found under, most specific first: "de_DE", "de". Chinese tables are
+// named by script, as the desktop's own translations are: zh_CN, zh_SG and a
+// bare zh read zh_Hans, zh_TW, zh_HK and zh_MO read zh_Hant. Nothing for
+// "C", "POSIX" or anything that is not a plain language code (the result
+// becomes part of a path).
+std::vector<std::string> tableNamesOf(std::string_view locale)
 {
     auto end = locale.find_first_of("_.@");
     auto language = locale.substr(0, end);
-    if (language.size() < 2 || language.size() > 3) return std::nullopt;
-    std::string out;
+    if (language.size() < 2 || language.size() > 3) return {};
+    std::string lang;
     for (char c : language) {
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c < 'a' || c > 'z') return std::nullopt;
-        out.push_back(c);
+        if (c < 'a' || c > 'z') return {};
+        lang.push_back(c);
     }
-    return out;
+    // The territory (or script) between '_' and the codeset or modifier.
+    std::string region;
+    if (end != std::string_view::npos && locale[end] == '_') {
+        auto rest = locale.substr(end + 1);
+        rest = rest.substr(0, rest.find_first_of(".@"));
+        bool plain = rest.size() >= 2 && rest.size() <= 4;
+        for (char c : rest)
+            plain = plain && ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'));
+        if (plain) {
+            for (std::size_t i = 0; i < rest.size(); ++i) {
+                char c = rest[i];
+                // "br" -> "BR", "hans" -> "Hans"
+                bool upper = rest.size() == 2 || i == 0;
+                if (upper && c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+                if (!upper && c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+                region.push_back(c);
+            }
+        }
+    }
+    if (lang == "zh") {
+        if (region == "TW" || region == "HK" || region == "MO" || region == "Hant") return {"zh_Hant"};
+        return {"zh_Hans"};
+    }
+    if (region.empty()) return {lang};
+    return {lang + "_" + region, lang};
 }
 
 bool isPlainName(std::string_view name)
@@ -106,14 +135,34 @@ std::optional<std::string> Bundle::infoString(const std::string& key) const
 std::vector<std::string> Bundle::preferredLanguages()
 {
     std::vector<std::string> languages;
-    // POSIX precedence: the first of these that is set and not empty decides.
+    auto add = [&](std::string_view locale) {
+        for (std::string& name : tableNamesOf(locale))
+            if (std::find(languages.begin(), languages.end(), name) == languages.end())
+                languages.push_back(std::move(name));
+    };
+    // As gettext chooses: the first of LC_ALL, LC_MESSAGES and LANG that is
+    // set and not empty is the locale; unless that locale is C (or none is
+    // set), the colon-separated LANGUAGE list goes before it.
+    std::string_view locale;
     for (const char* variable : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
         const char* value = std::getenv(variable);
         if (!value || !*value) continue;
-        if (auto language = languageOf(value)) languages.push_back(*language);
+        locale = value;
         break;
     }
-    if (languages.empty() || languages.front() != "en") languages.push_back("en");
+    bool plainC = locale.empty() || locale == "C" || locale == "POSIX" || locale.rfind("C.", 0) == 0;
+    const char* list = std::getenv("LANGUAGE");
+    if (!plainC && list) {
+        std::string_view rest(list);
+        while (!rest.empty()) {
+            auto colon = rest.find(':');
+            add(rest.substr(0, colon));
+            if (colon == std::string_view::npos) break;
+            rest.remove_prefix(colon + 1);
+        }
+    }
+    add(locale);
+    if (std::find(languages.begin(), languages.end(), "en") == languages.end()) languages.push_back("en");
     return languages;
 }
 

@@ -27,7 +27,8 @@ public:
     // A string value of Info.plist.
     std::optional<std::string> infoString(const std::string& key) const;
     // The translation of `key` in Resources/<lang>.lproj/<table>.strings, for
-    // the user's language (LC_ALL, LC_MESSAGES or LANG: "de_DE.UTF-8" -> "de"),
+    // the user's languages (LANGUAGE, then LC_ALL, LC_MESSAGES or LANG, as
+    // gettext reads them: "de_DE.UTF-8" -> "de_DE", "de"; "zh_CN" -> "zh_Hans"),
     // then "en"; the key itself when no table has it.
     std::string localizedString(const std::string& key, const std::string& table = "Localizable") const;
 

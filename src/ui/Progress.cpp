@@ -7,7 +7,8 @@ std::unique_ptr<Progress> Progress::init(const UiBundle* bundle)
     if (!bundle) return nullptr;
     std::unique_ptr<Progress> model(new Progress());
     for (auto [key, text] : {std::pair{kTitleKey, kTitle}, std::pair{kCancelKey, kCancel},
-                             std::pair{kScanningKey, kScanning}, std::pair{kTransferringKey, kTransferring}})
+                             std::pair{kScanningKey, kScanning}, std::pair{kTransferringKey, kTransferring},
+                             std::pair{kCancellingKey, kCancelling}})
         model->mLocalizedStrings[key] = bundle->localize(text);
     model->mProgress = 0.0f;
     model->setIsScanning(true);

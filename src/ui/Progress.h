@@ -15,6 +15,8 @@ inline constexpr const char* kTitleKey = "title";
 inline constexpr const char* kCancelKey = "cancel";
 inline constexpr const char* kScanningKey = "scanning";
 inline constexpr const char* kTransferringKey = "transferring";
+// The window says so once Cancel was taken; the model itself keeps its message.
+inline constexpr const char* kCancellingKey = "cancelling";
 inline constexpr const char* kProgressMessageKey = "progressMessage";
 inline constexpr const char* kProgressKey = "progress";
 inline constexpr const char* kIsScanningKey = "isScanning";
@@ -22,6 +24,7 @@ inline constexpr const char* kTitle = "Tarvell Scan Progress";
 inline constexpr const char* kCancel = "Cancel";
 inline constexpr const char* kScanning = "Scanning...";
 inline constexpr const char* kTransferring = "Transferring image...";
+inline constexpr const char* kCancelling = "Cancelling...";
 
 class Progress : public Observable {
 public:

@@ -20,6 +20,7 @@ std::unique_ptr<ScanProgressDialog> ScanProgressDialog::initWithDataSourceEngine
         dialog->mObserver = dialog->mProgress->addObserver([raw](std::string_view key) {
             // "progressMessage" always follows "isScanning"; one update for both.
             if (key == kIsScanningKey) return;
+            if (key == kProgressKey) raw->mSampled = true;
             raw->mUi.send(raw->windowMessage("progress.update"));
             if (key == kProgressKey)
                 raw->mUi.logEvent(UiMessage("progress")
@@ -36,7 +37,8 @@ std::unique_ptr<ScanProgressDialog> ScanProgressDialog::initWithDataSourceEngine
     }
     ui.logEvent(UiMessage("progress.shown").set("message", dialog->mProgress ? dialog->mProgress->progressMessage() : ""));
     // The first poll comes one interval after the window is up; until then
-    // the bar shows 0. The timer lives on the loop that owns the window.
+    // the window shows the bar as busy rather than an empty one that looks
+    // stuck. The timer lives on the loop that owns the window.
     dialog->mProgressTimer = ui.loop().schedule(kProgressInterval, [raw] { raw->updateProgress(); }, kProgressInterval);
     return dialog;
 }
@@ -57,11 +59,19 @@ UiMessage ScanProgressDialog::windowMessage(const char* type) const
         auto it = mProgress->localizedStrings().find(key);
         return it == mProgress->localizedStrings().end() ? std::string(fallback) : it->second;
     };
+    std::string cancelling = text(kCancellingKey, kCancelling);
+    // Every text the message line can take, so that the window is sized once
+    // for the longest and does not jump when the message changes.
+    std::vector<std::string> messages{text(kScanningKey, kScanning), text(kTransferringKey, kTransferring), cancelling};
     message.set("title", text(kTitleKey, kTitle))
         .set("cancel", text(kCancelKey, kCancel))
-        .set("message", mProgress ? mProgress->progressMessage() : std::string())
+        .set("message", mCancelled ? cancelling : mProgress ? mProgress->progressMessage() : std::string())
+        .set("messages", messages)
+        .set("cancelling", cancelling)
         .set("progress", mProgress ? static_cast<double>(mProgress->progress()) : 0.0)
-        .set("scanning", mProgress ? mProgress->isScanning() : true);
+        .set("sampled", mSampled)
+        .set("scanning", mProgress ? mProgress->isScanning() : true)
+        .set("cancelled", mCancelled);
     return message;
 }
 
@@ -88,6 +98,10 @@ void ScanProgressDialog::handleCancel()
 {
     stopPoll();
     mUi.logEvent(UiMessage("progress.cancel"));
+    if (!mCancelled && !mClosed) {
+        mCancelled = true;
+        mUi.send(windowMessage("progress.update"));
+    }
     if (mEngine.stopScanning) mEngine.stopScanning();
 }
 

@@ -49,6 +49,8 @@ private:
     RunLoop::TimerId mProgressTimer = 0;
     Observable::Token mObserver = 0;
     bool mClosed = false;
+    bool mCancelled = false;  // Cancel was taken: the window shows it until closed
+    bool mSampled = false;    // the model has had a value: the bar shows it, no longer "busy"
 };
 
 }  // namespace zentary

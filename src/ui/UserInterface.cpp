@@ -30,8 +30,14 @@ void appendUiLog(const UiMessage& event)
     if (!path) return;
     UniqueFd file(::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
     if (!file) return;
+    // The wire's "type" is the log's "event", the key every line of the log
+    // names itself by, alerts included.
+    UiMessage entry;
+    entry.set("event", event.type());
+    for (const auto& [key, value] : event.fields())
+        if (key != "type") entry.setValue(key, value);
     // One write per line, so lines from several writers never interleave.
-    std::string line = event.encode() + "\n";
+    std::string line = entry.encode() + "\n";
     [[maybe_unused]] ssize_t ignored = ::write(file.get(), line.data(), line.size());
 }
 
@@ -151,7 +157,10 @@ int UserInterface::startAlert(const UiAlert& alert)
         .set("message", alert.message)
         .set("informative", alert.informative)
         .set("buttons", alert.buttons)
-        .set("systemModal", alert.systemModal);
+        .set("systemModal", alert.systemModal)
+        .set("title", alert.title)
+        .set("icon", alert.icon)
+        .set("cancelButton", alert.cancelButton);
     if (!send(message)) {
         mPendingAlerts.erase(id);
         return 0;

@@ -28,6 +28,9 @@ struct UiAlert {
     std::string message, informative;
     std::vector<std::string> buttons;  // the first one is the default
     bool systemModal = false;
+    std::string title;        // the window title: the product's name
+    std::string icon;         // "information", "warning", "critical" or "question"
+    int cancelButton = -1;    // index of the button Escape presses, -1: none
 };
 
 class UserInterface {
@@ -98,7 +101,8 @@ private:
     std::shared_ptr<bool> mAlive = std::make_shared<bool>(true);
 };
 
-// Appends one JSON line to the file named by ZENTARY_UI_LOG, if any.
+// Appends one JSON line to the file named by ZENTARY_UI_LOG, if any, with the
+// message's type under "event".
 void appendUiLog(const UiMessage& event);
 
 }  // namespace zentary

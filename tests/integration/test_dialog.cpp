@@ -39,11 +39,12 @@ protected:
         return source;
     }
 
-    int pictures(const std::string& prefix) const
+    int pictures(const std::string& prefix, const std::string& suffix = ".png") const
     {
         int count = 0;
         for (const auto& entry : std::filesystem::directory_iterator(mPictures)) {
-            if (entry.path().filename().string().rfind(prefix, 0) != 0) continue;
+            std::string name = entry.path().filename().string();
+            if (name.rfind(prefix, 0) != 0 || !name.ends_with(suffix)) continue;
             EXPECT_GT(entry.file_size(), 1000u) << entry.path();
             ++count;
         }
@@ -77,9 +78,9 @@ TEST_F(DialogTest, CancelInEitherWindowAsksTheClientToClose)
         const char* scanner;
         const char* event;
     } cases[] = {
-        {"dialog", "emulator", "dialog.cancel"},
+        {"dialog", "emulator", "\"event\":\"dialog.cancel\""},
         // Slow enough that the scan is still running when Cancel is pressed.
-        {"progress", "emulator:mbps=2", "progress.cancel"},
+        {"progress", "emulator:mbps=2", "\"event\":\"progress.cancel\""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.window);
@@ -92,6 +93,11 @@ TEST_F(DialogTest, CancelInEitherWindowAsksTheClientToClose)
         EXPECT_EQ(test::disable(*source), TWRC_SUCCESS);
         EXPECT_EQ(source->close(), TWRC_SUCCESS);
         EXPECT_GE(pictures(c.window), 1);
+        // The progress window stays after Cancel until it is closed, showing
+        // that the cancel was taken; it is kept as it then looked.
+        if (std::string(c.window) == "progress") {
+            EXPECT_EQ(pictures("progress-", "-pressed.png"), 1);
+        }
     }
 }
 

@@ -89,8 +89,8 @@ UiLogSummary readUiLog(const std::string& path)
             summary.alerts.push_back(alert);
         }
         // Cancel pressed in the dialog or in the progress window.
-        if (line.find("\"type\":\"dialog.cancel\"") != std::string::npos ||
-            line.find("\"type\":\"progress.cancel\"") != std::string::npos)
+        if (line.find("\"event\":\"dialog.cancel\"") != std::string::npos ||
+            line.find("\"event\":\"progress.cancel\"") != std::string::npos)
             summary.cancelled = true;
         std::size_t percent = line.find("\"percent\":");
         if (percent != std::string::npos) summary.percent = std::atoi(line.c_str() + percent + 10);

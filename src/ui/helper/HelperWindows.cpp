@@ -3,13 +3,17 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QComboBox>
+#include <QCursor>
+#include <QDialog>
 #include <QFormLayout>
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QMessageBox>
 #include <QPixmap>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScreen>
 #include <QSocketNotifier>
 #include <QStandardItemModel>
 #include <QTimer>
@@ -18,6 +22,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -52,6 +57,99 @@ protected:
         if (onClose) onClose();
     }
 };
+
+// The settings dialog: a dialog as the desktop knows one. Return presses the
+// default button (also from a closed menu, which passes the key on), and
+// Escape and the close box mean Cancel. The data source still decides when
+// it goes away, so nothing here hides it.
+class DialogWindow : public QDialog {
+public:
+    std::function<void()> onCancel;
+
+    void reject() override
+    {
+        if (onCancel) onCancel();
+    }
+
+protected:
+    void closeEvent(QCloseEvent* event) override
+    {
+        event->ignore();
+        reject();
+    }
+};
+
+// An alert whose close box presses its Escape button, as a click, so that
+// the answer goes back like any other; without one the close box does nothing.
+class AlertBox : public QMessageBox {
+protected:
+    void closeEvent(QCloseEvent* event) override
+    {
+        event->ignore();
+        if (QAbstractButton* button = escapeButton(); button && button->isVisible()) button->click();
+    }
+};
+
+// Puts a window in the middle of the screen that holds the pointer (the
+// primary screen when none does), without window manager as with one. A
+// window larger than the screen keeps its top left corner on it.
+void centre(QWidget* window)
+{
+    QScreen* screen = QGuiApplication::screenAt(QCursor::pos());
+    if (!screen) screen = QGuiApplication::primaryScreen();
+    if (!screen) return;
+    QRect area = screen->availableGeometry();
+    QSize size = window->frameGeometry().size();
+    int x = area.x() + std::max(0, (area.width() - size.width()) / 2);
+    int y = area.y() + std::max(0, (area.height() - size.height()) / 2);
+    window->move(x, y);
+}
+
+// "Image type:" -> "Image type": what a screen reader should call the control
+// the label names, in any language's punctuation.
+QString withoutColon(QString text)
+{
+    text = text.trimmed();
+    while (!text.isEmpty() && (text.endsWith(':') || text.endsWith(QChar(0xFF1A)) || text.back().isSpace()))
+        text.chop(1);
+    return text;
+}
+
+// Whether everything `widget` has to show fits in the room it was given.
+bool fits(QWidget* widget)
+{
+    if (auto* label = qobject_cast<QLabel*>(widget)) {
+        QRect room = label->contentsRect();
+        if (label->wordWrap()) return label->heightForWidth(label->width()) <= label->height();
+        QSize text = label->fontMetrics().size(0, label->text());
+        return text.width() <= room.width() && text.height() <= room.height();
+    }
+    if (qobject_cast<QAbstractButton*>(widget) || qobject_cast<QComboBox*>(widget)) {
+        QSize need = widget->sizeHint();
+        return need.width() <= widget->width() && need.height() <= widget->height();
+    }
+    return true;
+}
+
+const char* iconName(QMessageBox::Icon icon)
+{
+    switch (icon) {
+    case QMessageBox::Information: return "information";
+    case QMessageBox::Warning: return "warning";
+    case QMessageBox::Critical: return "critical";
+    case QMessageBox::Question: return "question";
+    default: return "none";
+    }
+}
+
+QMessageBox::Icon iconOf(const std::string& name, bool systemModal)
+{
+    if (name == "information") return QMessageBox::Information;
+    if (name == "critical") return QMessageBox::Critical;
+    if (name == "question") return QMessageBox::Question;
+    if (name == "warning" || systemModal) return QMessageBox::Warning;
+    return QMessageBox::Information;
+}
 
 // Puts `items` in `menu`, greys out `disabled`, selects `selected`.
 void fillMenu(QComboBox* menu, const std::vector<std::string>& items, const std::vector<std::string>& disabled,
@@ -91,7 +189,24 @@ std::string describe(const std::string& window, QWidget* widget)
         }
         entry.set("text", utf8(menu->currentText())).set("items", items).set("disabledItems", disabled);
     }
-    if (widget->isWindow()) entry.set("title", utf8(widget->windowTitle()));
+    if (auto* button = qobject_cast<QPushButton*>(widget)) entry.set("default", button->isDefault());
+    // Where it is and whether its text fits: windows on the screen, the rest
+    // within their window.
+    entry.set("accessibleName", utf8(widget->accessibleName()));
+    if (!widget->isWindow()) {
+        QRect place(widget->mapTo(widget->window(), QPoint(0, 0)), widget->size());
+        entry.set("whole", fits(widget) && widget->window()->rect().contains(place));
+    } else {
+        QRect place = widget->frameGeometry();
+        QRect area = widget->screen() ? widget->screen()->availableGeometry() : QRect();
+        QPoint off = place.center() - area.center();
+        entry.set("title", utf8(widget->windowTitle()))
+            .set("hasIcon", !widget->windowIcon().isNull())
+            .set("fixedSize", widget->minimumSize() == widget->maximumSize())
+            .set("onScreen", area.contains(place))
+            .set("centred", std::abs(off.x()) <= 1 && std::abs(off.y()) <= 1);
+        if (auto* box = qobject_cast<QMessageBox*>(widget)) entry.set("icon", iconName(box->icon()));
+    }
     return entry.encode();
 }
 
@@ -179,9 +294,9 @@ void HelperWindows::handle(const UiMessage& message)
 
 void HelperWindows::buildDialog()
 {
-    auto* window = new Window();
+    auto* window = new DialogWindow();
     window->setObjectName("dialog");
-    window->onClose = [this] { send(UiMessage("dialog.cancel")); };
+    window->onCancel = [this] { send(UiMessage("dialog.cancel")); };
     mImageTypeLabel = new QLabel(window);
     mImageTypeLabel->setObjectName("imageTypeLabel");
     mResolutionLabel = new QLabel(window);
@@ -195,6 +310,8 @@ void HelperWindows::buildDialog()
     mScan->setDefault(true);
     mCancel = new QPushButton(window);
     mCancel->setObjectName("cancel");
+    mImageTypeLabel->setBuddy(mImageType);
+    mResolutionLabel->setBuddy(mResolution);
 
     auto* form = new QFormLayout();
     form->addRow(mImageTypeLabel, mImageType);
@@ -206,6 +323,8 @@ void HelperWindows::buildDialog()
     auto* layout = new QVBoxLayout(window);
     layout->addLayout(form);
     layout->addLayout(buttons);
+    // As large as its texts need, in every language, and no larger.
+    layout->setSizeConstraint(QLayout::SetFixedSize);
 
     QObject::connect(mImageType, &QComboBox::activated, [this] { chosen(mImageType, "dialog.imageType"); });
     QObject::connect(mResolution, &QComboBox::activated, [this] { chosen(mResolution, "dialog.resolution"); });
@@ -236,6 +355,10 @@ void HelperWindows::showDialog(const UiMessage& message, bool show)
     mResolutionLabel->setText(label("resolution", "Resolution:"));
     mScan->setText(label("scan", "Scan"));
     mCancel->setText(label("cancel", "Cancel"));
+    mImageType->setAccessibleName(withoutColon(mImageTypeLabel->text()));
+    mResolution->setAccessibleName(withoutColon(mResolutionLabel->text()));
+    mScan->setAccessibleName(mScan->text());
+    mCancel->setAccessibleName(mCancel->text());
     auto none = std::vector<std::string>();
     fillMenu(mImageType, message.strings("imageTypes").value_or(none), message.strings("disabledImageTypes").value_or(none),
              message.string("imageType").value_or(""));
@@ -246,7 +369,9 @@ void HelperWindows::showDialog(const UiMessage& message, bool show)
     mApplying = false;
     if (show) {
         mDialog->adjustSize();
+        centre(mDialog);
         mDialog->show();
+        centre(mDialog);  // again, now that the frame around it is known
         mDialog->raise();
         mDialog->activateWindow();
         autopilot(mDialog, "dialog", mAutopilotCancel == "dialog" ? mCancel : mScan);
@@ -260,10 +385,18 @@ void HelperWindows::autopilot(QWidget* window, const QString& name, QAbstractBut
     QPointer<QWidget> target(window);
     QPointer<QAbstractButton> button(press);
     // A moment later, as a person would: the window has been laid out.
-    QTimer::singleShot(300, [target, button, path] {
+    bool stays = button && button == mProgressCancel;
+    QTimer::singleShot(300, [target, button, path, stays] {
         if (!target || !target->isVisible()) return;
         target->grab().save(path, "PNG");
-        if (button && button->isEnabled()) button->click();
+        if (!button || !button->isEnabled()) return;
+        button->click();
+        // The progress window stays after Cancel until it is closed: it is
+        // kept as it then looks, too.
+        if (!stays || !target || !target->isVisible()) return;
+        if (target->layout()) target->layout()->activate();
+        QString after = path;
+        target->grab().save(after.replace(".png", "-pressed.png"), "PNG");
     });
 }
 
@@ -287,29 +420,62 @@ void HelperWindows::buildProgress()
     layout->addWidget(mMessage);
     layout->addWidget(mBar);
     layout->addLayout(buttons);
-    QObject::connect(mProgressCancel, &QPushButton::clicked, [this] { send(UiMessage("progress.cancel")); });
+    layout->setSizeConstraint(QLayout::SetFixedSize);
+    QObject::connect(mProgressCancel, &QPushButton::clicked, [this] {
+        // Taken at once, before the data source answers: a second press
+        // has nothing left to do.
+        cancelled();
+        send(UiMessage("progress.cancel"));
+    });
     mProgress = window;
 }
 
 void HelperWindows::showProgress(const UiMessage& message, bool show)
 {
     if (!mProgress) buildProgress();
+    // A window shown anew (a restarted helper replays the last state) starts
+    // from a live Cancel; the state below says whether it was taken.
+    if (show) mProgressCancel->setEnabled(true);
     if (auto title = message.string("title")) mProgress->setWindowTitle(qt(*title));
-    if (auto cancel = message.string("cancel")) mProgressCancel->setText(qt(*cancel));
+    if (auto cancel = message.string("cancel")) {
+        mProgressCancel->setText(qt(*cancel));
+        mProgressCancel->setAccessibleName(mProgressCancel->text());
+    }
+    if (auto messages = message.strings("messages")) {
+        // Room for the longest message, so the window keeps its size.
+        int widest = 0;
+        for (const std::string& text : *messages)
+            widest = std::max(widest, mMessage->fontMetrics().horizontalAdvance(qt(text)));
+        mMessage->setMinimumWidth(widest);
+    }
+    if (auto text = message.string("cancelling")) mCancellingText = qt(*text);
     if (auto text = message.string("message")) mMessage->setText(qt(*text));
-    if (auto value = message.number("progress")) {
+    if (message.boolean("cancelled").value_or(false)) cancelled();
+    if (!message.boolean("sampled").value_or(true)) {
+        // No value yet: busy, not an empty bar that looks stuck.
+        mBar->setRange(0, 0);
+    } else if (auto value = message.number("progress")) {
         // The scanner's fraction is passed on unchecked; the bar cannot show
         // more than full or less than empty.
         double fraction = std::isfinite(*value) ? std::clamp(*value, 0.0, 1.0) : 0.0;
+        mBar->setRange(0, 1000);
         mBar->setValue(static_cast<int>(std::lround(fraction * 1000)));
     }
     if (show) {
         mProgress->adjustSize();
+        centre(mProgress);
         mProgress->show();
+        centre(mProgress);  // again, now that the frame around it is known
         mProgress->raise();
     }
     if (show || message.number("progress"))
         autopilot(mProgress, "progress", mAutopilotCancel == "progress" ? mProgressCancel : nullptr);
+}
+
+void HelperWindows::cancelled()
+{
+    mProgressCancel->setEnabled(false);
+    mMessage->setText(mCancellingText.isEmpty() ? QStringLiteral("Cancelling...") : mCancellingText);
 }
 
 void HelperWindows::showAlert(const UiMessage& message)
@@ -317,20 +483,27 @@ void HelperWindows::showAlert(const UiMessage& message)
     std::int64_t id = message.integer("id").value_or(0);
     closeAlert(id);
     bool systemModal = message.boolean("systemModal").value_or(false);
-    auto* box = new QMessageBox();
+    auto* box = new AlertBox();
     box->setObjectName(systemModal ? "systemAlert" : "alert");
-    box->setIcon(systemModal ? QMessageBox::Warning : QMessageBox::Information);
-    box->setWindowTitle(" ");
+    box->setIcon(iconOf(message.string("icon").value_or(""), systemModal));
+    box->setWindowTitle(qt(message.string("title").value_or("")));
     box->setText(qt(message.string("message").value_or("")));
     std::string informative = message.string("informative").value_or("");
     if (!informative.empty()) box->setInformativeText(qt(informative));
     std::vector<std::string> titles = message.strings("buttons").value_or(std::vector<std::string>());
     if (titles.size() > 3) titles.resize(3);
     if (titles.empty()) titles.push_back("OK");
+    std::int64_t cancel = message.integer("cancelButton").value_or(-1);
     for (std::size_t i = 0; i < titles.size(); ++i) {
-        QPushButton* button = box->addButton(qt(titles[i]), i == 0 ? QMessageBox::AcceptRole : QMessageBox::RejectRole);
+        bool isCancel = cancel == static_cast<std::int64_t>(i);
+        QMessageBox::ButtonRole role = i == 0 ? QMessageBox::AcceptRole
+                                       : isCancel ? QMessageBox::RejectRole
+                                                  : QMessageBox::ActionRole;
+        QPushButton* button = box->addButton(qt(titles[i]), role);
         button->setObjectName(QString("button%1").arg(i + 1));
         if (i == 0) box->setDefaultButton(button);
+        // Escape (and the close box) answers Cancel; a lone button is both.
+        if (isCancel || titles.size() == 1) box->setEscapeButton(button);
         QObject::connect(button, &QPushButton::clicked, [this, id, i] {
             send(UiMessage("alert.answer").set("id", id).set("button", static_cast<std::int64_t>(1000 + i)));
             closeAlert(id);
@@ -342,6 +515,7 @@ void HelperWindows::showAlert(const UiMessage& message)
     if (systemModal) box->setWindowFlag(Qt::WindowStaysOnTopHint);
     mAlerts[id] = box;
     box->show();
+    centre(box);  // its size is known once it is shown
     autopilot(box, systemModal ? "system-alert" : "alert", box->defaultButton());
 }
 
@@ -393,6 +567,24 @@ void HelperWindows::test(const UiMessage& message)
                 ok = true;
             }
         }
+    } else if ((type == "test.key" || type == "test.close") && target && target->isVisible()) {
+        // A key as the keyboard delivers it to the control that has the focus
+        // (`control`, or the window), passed on to the window when the
+        // control does not want it.
+        if (type == "test.close") {
+            target->close();
+        } else {
+            std::string control = message.string("control").value_or("");
+            QWidget* receiver = control.empty() ? target : target->findChild<QWidget*>(qt(control));
+            int key = message.string("key") == "Escape" ? Qt::Key_Escape : Qt::Key_Return;
+            if (receiver) {
+                QKeyEvent press(QEvent::KeyPress, key, Qt::NoModifier);
+                QKeyEvent release(QEvent::KeyRelease, key, Qt::NoModifier);
+                QApplication::sendEvent(receiver, &press);
+                QApplication::sendEvent(receiver, &release);
+            }
+        }
+        ok = true;
     } else if (type == "test.snapshot" && target && target->isVisible()) {
         std::vector<std::string> widgets{describe(name, target)};
         for (QWidget* child : target->findChildren<QWidget*>())

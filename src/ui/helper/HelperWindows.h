@@ -39,6 +39,8 @@ private:
     void showDialog(const UiMessage& message, bool show);
     void showProgress(const UiMessage& message, bool show);
     void showAlert(const UiMessage& message);
+    // Shows that Cancel was taken: the button greyed, the cancelling text.
+    void cancelled();
     void closeAlert(std::int64_t id);
     void test(const UiMessage& message);
     QWidget* window(const std::string& name, std::int64_t alertId);
@@ -74,6 +76,7 @@ private:
     QLabel* mMessage = nullptr;
     QProgressBar* mBar = nullptr;
     QPushButton* mProgressCancel = nullptr;
+    QString mCancellingText;
 
     std::map<std::int64_t, QPointer<QMessageBox>> mAlerts;
 };

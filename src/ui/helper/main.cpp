@@ -2,6 +2,7 @@
 // data source with its end of a socket as fd 3, draws what it is told and
 // sends back what the user does; it leaves when the socket closes.
 #include <QApplication>
+#include <QIcon>
 
 #include <signal.h>
 #include <sys/socket.h>
@@ -44,6 +45,9 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     // Windows come and go at the data source's word, never by closing the last one.
     app.setQuitOnLastWindowClosed(false);
+    // Every window carries the desktop's scanner icon, or the one beside us.
+    QApplication::setWindowIcon(QIcon::fromTheme(
+        "scanner", QIcon(QCoreApplication::applicationDirPath() + QStringLiteral("/zentary-scanner.png"))));
     zentary::HelperWindows windows(kSocketFd, testing);
     return app.exec();
 }

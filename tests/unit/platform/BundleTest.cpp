@@ -132,5 +132,28 @@ TEST(Bundle, LocalizedStringFollowsLanguageThenEnglishThenKey)
     }
 }
 
+TEST(Bundle, PreferredLanguagesAsGettextReadsThem)
+{
+    struct Case {
+        std::optional<std::string> language, lcAll, lang;
+        std::vector<std::string> expected;
+    };
+    const auto none = std::nullopt;
+    const Case cases[] = {
+        {"fr:pt_BR", none, "de_DE.UTF-8", {"fr", "pt_BR", "pt", "de_DE", "de", "en"}},
+        {"fr", "it_IT@euro", "de_DE", {"fr", "it_IT", "it", "en"}},
+        {"de", none, "C.UTF-8", {"en"}},  // LANGUAGE means nothing under the C locale
+        {"de", none, none, {"en"}},
+        {"zh", none, "zh_TW.Big5", {"zh_Hans", "zh_Hant", "en"}},
+        {"../x::ja_JP", none, "pt_br", {"ja_JP", "ja", "pt_BR", "pt", "en"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.language.value_or("-") + " " + c.lang.value_or("-"));
+        ScopedEnv language("LANGUAGE", c.language), all("LC_ALL", c.lcAll), messages("LC_MESSAGES", none),
+            lang("LANG", c.lang);
+        EXPECT_EQ(Bundle::preferredLanguages(), c.expected);
+    }
+}
+
 }  // namespace
 }  // namespace zentary

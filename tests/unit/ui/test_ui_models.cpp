@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
 
+#include "platform/StringsTable.h"
 #include "support/TestEnvironment.h"
 #include "unit/ui/FakeStore.h"
 #include "ui/DataSourceDialog.h"
@@ -35,6 +37,24 @@ struct TestBundle {
             << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>" << body << "</dict></plist>";
     }
 };
+
+// Every shipped language has exactly the English keys, each with a text: a
+// missing key shows English, an extra one translates nothing.
+TEST(StringsTables, EveryLanguageHasExactlyTheEnglishKeys)
+{
+    auto keysOf = [](const std::string& language) {
+        std::ifstream in(test::bundlePath() / "Resources" / (language + ".lproj") / "Localizable.strings");
+        auto table = parseStringsTable(std::string(std::istreambuf_iterator<char>(in), {}));
+        std::vector<std::string> keys;
+        for (const auto& [key, text] : table.value_or(std::map<std::string, std::string>()))
+            if (!text.empty()) keys.push_back(key);
+        return keys;
+    };
+    std::vector<std::string> english = keysOf("en");
+    EXPECT_EQ(std::count(english.begin(), english.end(), kCancelling), 1);
+    for (const char* language : {"de", "fr", "es", "it", "pt_BR", "ja", "zh_Hans"})
+        EXPECT_EQ(keysOf(language), english) << language;
+}
 
 std::string imageType(const char* key, const char* name, int value)
 {
@@ -162,7 +182,7 @@ struct HeadlessFixture : ::testing::Test {
     {
         std::vector<std::string> names;
         for (const std::string& line : test::readLines(logDir.path() / "ui.log"))
-            if (auto message = UiMessage::decode(line)) names.push_back(message->type());
+            if (auto message = UiMessage::decode(line)) names.push_back(message->string("event").value_or(""));
         return names;
     }
 };
@@ -181,7 +201,7 @@ TEST_F(HeadlessFixture, TheDialogPressesItsButtonOnceItIsUp)
         loop.runFor(std::chrono::milliseconds(20));
         EXPECT_EQ(scans, mode == UserInterface::Mode::Headless ? 1 : 0);
         EXPECT_EQ(closes, mode == UserInterface::Mode::Headless ? 0 : 1);
-        EXPECT_EQ(ui.presentAlert({1, "m", "", {"Ok", "Cancel"}, false}), 1000);
+        EXPECT_EQ(ui.presentAlert({1, "m", "", {"Ok", "Cancel"}, false, "", "", -1}), 1000);
         dialog.reset();
         EXPECT_EQ(DataSourceDialog::current(), nullptr);
     }
