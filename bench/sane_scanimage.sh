@@ -36,20 +36,24 @@ measure() {
       m = int((NR + 1) / 2); rmax = 0; for (i = 1; i <= NR; i++) if (r[i] > rmax) rmax = r[i]
       printf "%.3f %.3f %.3f %.1f\n", t[m], t[1], t[NR], rmax / 1024 }'
 }
-row() { printf '%-40s %8s s  [%s..%s]  peak RSS %6s MiB\n' "$1" $2; }
+row() { printf '%-40s %8s s  [%s..%s]  peak RSS %6s MiB\n' "$@"; }
 
-ours_tiny=$(measure -d zentary:emulator --resolution 1200 -x 1 -y 1)
-test_tiny=$(measure -d test --resolution 1200 -x 1 -y 1)
-ours_page=$(measure -d zentary:emulator --resolution 1200 -x 215.9 -y 279.4)
-test_page=$(measure -d test --resolution 1200 -x 215.9 -y 279.4)
-row "zentary:emulator 1 x 1 mm 1200 dpi" "$ours_tiny"
-row "test 1 x 1 mm 1200 dpi" "$test_tiny"
-row "zentary:emulator letter 1200 dpi colour" "$ours_page"
-row "test letter 1200 dpi colour" "$test_page"
-set -- $ours_tiny; ot=$1
-set -- $test_tiny; tt=$1
-set -- $ours_page; op=$1
-set -- $test_page; tp=$1
+read -r ot ot_min ot_max ot_rss << EOF
+$(measure -d zentary:emulator --resolution 1200 -x 1 -y 1)
+EOF
+read -r tt tt_min tt_max tt_rss << EOF
+$(measure -d test --resolution 1200 -x 1 -y 1)
+EOF
+read -r op op_min op_max op_rss << EOF
+$(measure -d zentary:emulator --resolution 1200 -x 215.9 -y 279.4)
+EOF
+read -r tp tp_min tp_max tp_rss << EOF
+$(measure -d test --resolution 1200 -x 215.9 -y 279.4)
+EOF
+row "zentary:emulator 1 x 1 mm 1200 dpi" "$ot" "$ot_min" "$ot_max" "$ot_rss"
+row "test 1 x 1 mm 1200 dpi" "$tt" "$tt_min" "$tt_max" "$tt_rss"
+row "zentary:emulator letter 1200 dpi colour" "$op" "$op_min" "$op_max" "$op_rss"
+row "test letter 1200 dpi colour" "$tp" "$tp_min" "$tp_max" "$tp_rss"
 awk -v ot="$ot" -v tt="$tt" -v op="$op" -v tp="$tp" 'BEGIN {
   fixed = ot - tt; if (fixed < 0) fixed = 0
   printf "fixed cost of a scan (ours - test, 1 x 1 mm): %.3f s\n", fixed

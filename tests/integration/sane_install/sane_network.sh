@@ -19,6 +19,7 @@ ip link set lo up
 
 work=$(mktemp -d)
 saned_pid=
+# shellcheck disable=SC2317 # run by the trap
 cleanup() {
   [ -z "$saned_pid" ] || { kill "$saned_pid" 2> /dev/null; wait "$saned_pid" 2> /dev/null || true; }
   rm -rf "$work"

@@ -22,7 +22,7 @@ cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/pkg" \
   { cat "$work/cpack.log"; exit 1; }
 deb=$(echo "$work"/pkg/*.deb)
 
-dir_pattern=$(sed 's/[.]/\\./g' <<< "$loader_dir")
+dir_pattern=${loader_dir//./\\.}
 # The layout: type, path and link target of each entry, as dpkg-deb lists them.
 listing=$(dpkg-deb -c "$deb" | awk '{ t = substr($1, 1, 1); $1 = $2 = $3 = $4 = $5 = ""; sub(/^ +/, ""); print t, $0 }')
 while read -r pattern; do
@@ -54,8 +54,9 @@ fi
 # The description file speaks of the device the package's udev rule is for.
 desc=$source/src/sane/zentary.desc
 rule=$(cat "$root"/usr/lib/udev/rules.d/*zentary*.rules)
-grep -q ':usbid "0x2e5d" "0x4a21"' "$desc" && grep -q 'idVendor}=="2e5d", ATTR{idProduct}=="4a21"' <<< "$rule" ||
+if ! grep -q ':usbid "0x2e5d" "0x4a21"' "$desc" || ! grep -q 'idVendor}=="2e5d", ATTR{idProduct}=="4a21"' <<< "$rule"; then
   fail "zentary.desc and the udev rule name different devices"
+fi
 grep -qx ":version \"$(dpkg-deb -f "$deb" Version)\"" "$desc" || fail "zentary.desc's :version is not the package's"
 
 # scanimage against the unpacked tree: the loader finds the backend through
