@@ -21,4 +21,21 @@ set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
 # Library dependencies come from the binaries themselves.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "systemd")
+# The SANE backend: what libsane needs to load it, its configuration kept
+# as the administrator's (conffiles), and a scanner that is already plugged in
+# given its access rights at once (postinst) rather than at the next plug-in.
+if(TARGET sane-zentary)
+  string(APPEND CPACK_DEBIAN_PACKAGE_RECOMMENDS ", libsane1")
+  set(CPACK_DEBIAN_PACKAGE_SUGGESTS "sane-utils")
+  set(sane_etc /etc/sane.d)  # where it goes with the package's prefix /usr
+  if(ZENTARY_SANE_CONFIG_DIR)
+    set(sane_etc ${ZENTARY_SANE_CONFIG_DIR})
+  endif()
+  if(sane_etc MATCHES "^/etc/")
+    file(WRITE ${CMAKE_BINARY_DIR}/debian/conffiles "${sane_etc}/zentary.conf\n${sane_etc}/dll.d/zentary\n")
+    list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/conffiles)
+  endif()
+endif()
+list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/postinst)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)

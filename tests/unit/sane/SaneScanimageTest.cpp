@@ -141,26 +141,5 @@ TEST_F(SaneScanimageTest, InterruptLeavesNoTemporaryFile)
     EXPECT_TRUE(scanDirEmpty());
 }
 
-TEST_F(SaneScanimageTest, InstalledBackendIsFound)
-{
-    std::filesystem::path prefix = mScratch.path() / "prefix";
-    std::string command = std::string(ZENTARY_CMAKE_COMMAND) + " --install " + buildDir().string() + " --prefix " +
-                          prefix.string() + " --component sane > /dev/null";
-    ASSERT_EQ(std::system(command.c_str()), 0);
-    std::filesystem::path etc = prefix / "etc/sane.d";
-    ASSERT_TRUE(std::filesystem::exists(etc / "dll.d/zentary"));
-    ASSERT_TRUE(std::filesystem::exists(etc / "zentary.conf"));
-    // The prefix holds only the backend: its capabilities line points at a
-    // bundle that is not there, so a second line names the build tree's.
-    std::ofstream(etc / "zentary.conf", std::ios::app)
-        << "capabilities " << (bundlePath() / "Resources/Capabilities").string() << "\n";
-    std::ofstream(etc / "dll.conf") << "# backends come from dll.d\n";
-    std::filesystem::path out = mScratch.path() / "out.pnm";
-    ASSERT_EQ(wait(spawn({"-d", "zentary:emulator", "-l", "0", "-t", "0", "-x", "25.4", "-y", "25.4"}, out, "emulator",
-                         prefix / ZENTARY_SANE_LIBDIR / "sane", etc)),
-              0);
-    EXPECT_GT(std::filesystem::file_size(out), 300u * 300u * 3u);
-}
-
 }  // namespace
 }  // namespace zentary::test
