@@ -435,7 +435,8 @@ SessionResult ScanSession::scanDocument()
     if (document->pageCount() == 0) return {kExitFailure, "no page was scanned"};
     if (!document->finish(&error)) return result.exitCode != kExitOk ? result : SessionResult{kExitFailure, error};
     if (result.exitCode != kExitOk) {
-        result.message += " (kept the " + std::to_string(document->pageCount()) + " pages scanned before)";
+        int kept = document->pageCount();
+        result.message += " (kept the " + std::to_string(kept) + (kept == 1 ? " page" : " pages") + " scanned before)";
         return result;
     }
     // One file, or one a page named from the pattern: the line names them all.
