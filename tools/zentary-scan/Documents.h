@@ -26,7 +26,7 @@ public:
     int pageCount() const { return mPages; }
 
 protected:
-    int mPages = 0;
+    std::atomic<int> mPages{0};  // a recognising worker may drop the page it was given
 };
 
 // The document for the options' output. `ocr` (for --ocr) has its language

@@ -109,8 +109,8 @@ public:
         {
             std::unique_lock<std::mutex> lock(mMutex);
             mChanged.wait(lock, [this] { return !mJob && !mBusy; });
-            if (!mError.empty()) {
-                *error = mError;
+            if (!mError.empty() || mPages == 0) {
+                *error = mError.empty() ? "no page was recognised" : mError;
                 return false;
             }
         }
@@ -131,8 +131,10 @@ private:
 
     static bool cancel(void* self, int)
     {
+        // With --keep-partial the pages already scanned are finished: they
+        // are what the user asked to keep.
         auto* ocr = static_cast<OcrPdf*>(self);
-        return ocr->mInterrupted || ocr->mStopping;
+        return (ocr->mInterrupted && !ocr->mOptions.keepPartial) || ocr->mStopping;
     }
 
     void work()
@@ -161,8 +163,12 @@ private:
             {
                 std::lock_guard<std::mutex> guard(mMutex);
                 mBusy = false;
-                if (!ok && mError.empty())
-                    mError = mInterrupted ? "cancelled" : "text recognition failed on a page of " + mOptions.output;
+                // A page abandoned at Ctrl-C is simply not in the document:
+                // the pages before it can still be kept (--keep-partial).
+                if (!ok && cancel(this, 0))
+                    --mPages;
+                else if (!ok && mError.empty())
+                    mError = "text recognition failed on a page of " + mOptions.output;
             }
             mChanged.notify_all();
         }
