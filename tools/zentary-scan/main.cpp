@@ -109,8 +109,9 @@ std::string footer()
     return std::string(R"(
 OUTPUT
   The format follows the extension: .tif/.tiff (TIFF), .jpg/.jpeg (JPEG),
-  .pict/.pct (PICT), .png (PNG), .pdf (PDF). The file is written under a temporary name and moved
-  into place only when complete: a failed or cancelled scan leaves nothing.
+  .pict/.pct (PICT), .png (PNG), .pdf (PDF). The file is written under a
+  temporary name and moved into place only when complete: a failed or
+  cancelled scan leaves nothing.
   An existing file is kept unless --overwrite is given. On success one line
   on stdout gives the file, its size in pixels, resolution, mode and bytes.
 
@@ -122,6 +123,8 @@ DOCUMENTS
   TIFF; other formats write a file a page from a pattern with one number
   conversion (page-%03d.png). PDF pages have the scan's size; gray pages are
   compressed losslessly, colour pages as JPEG (--quality, default 85).
+  The tool writes documents itself from memory transfers unless --xfer says
+  otherwise (a file transfer then hands over each page as a TIFF).
   --ocr LANG recognises the text of each page with Tesseract (language data
   from Debian's tesseract-ocr-LANG) and writes a searchable PDF, the words
   invisible over the picture; a page is recognised while the next is scanned.
@@ -205,13 +208,15 @@ int run(int argc, char** argv)
                    "loading the data source directly");
     app.add_option("--source-name", options.sourceName,
                    "With --dsm: the source's product name (default \"Tarvell Zentary Q305 MFP\")");
-    app.add_option("--pages", options.pages, "Scan this many pages into one document (default 1)");
+    app.add_option("--pages", options.pages, "Scan this many pages into one document (default 1)")->type_name("N");
     app.add_flag("--batch", options.batch, "Ask for page after page on the terminal until the answer is q");
     app.add_flag("--keep-partial", options.keepPartial,
                  "Keep the pages scanned before a failure or Ctrl-C (by default nothing is written)");
-    app.add_option("--quality", options.quality, "JPEG quality 1-100 for JPEG files and colour PDF pages (default 85)");
+    app.add_option("--quality", options.quality, "JPEG quality 1-100 for JPEG files and colour PDF pages (default 85)")
+        ->type_name("Q");
     app.add_option("--ocr", options.ocrLanguage,
-                   "Recognise the text with Tesseract in language LANG (e.g. eng) and write a searchable PDF");
+                   "Recognise the text with Tesseract in language LANG (e.g. eng) and write a searchable PDF")
+        ->type_name("LANG");
     app.set_version_flag("-V,--version", std::string("zentary-scan ") + ZENTARY_VERSION);
     try {
         app.parse(argc, argv);
