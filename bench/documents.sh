@@ -6,6 +6,8 @@
 # The OCR time is the one-page time with --ocr less the one without (the
 # last page's recognition overlaps no scan); with three pages the first two
 # pages' recognition runs while the next page is scanned.
+# OCR is measured as the tool runs it (one OpenMP thread) and with
+# Tesseract's OpenMP on every core.
 # Usage: documents.sh <build dir>   (zentary-scan and sane-zentary built)
 set -eu
 build=$(cd "$1" && pwd)
@@ -33,18 +35,27 @@ ours() {
 }
 perminute() { echo "scale=1; 60 * $1 / $2" | bc; }
 
+tiff=$(ours "$work/out.tif")
 one=$(ours "$work/out.pdf")
 three=$(ours --pages 3 "$work/out.pdf")
 one_ocr=$(ours --ocr eng "$work/out.pdf")
 three_ocr=$(ours --ocr eng --pages 3 "$work/out.pdf")
+# The tool runs Tesseract on one OpenMP thread unless told otherwise;
+# against all of the machine's threads.
+one_ocr1=$(OMP_THREAD_LIMIT=$(nproc) ours --ocr eng "$work/out.pdf")
+three_ocr1=$(OMP_THREAD_LIMIT=$(nproc) ours --ocr eng --pages 3 "$work/out.pdf")
 sane=$(ZENTARY_SCANNER=$device median scanimage -d zentary:emulator --mode Gray --resolution 300 \
   -l 0 -t 0 -x 215.9 -y 279.4 --format=pdf -o "$work/out-sane.pdf")
 
 printf '%-44s %10s %12s\n' "300 dpi gray letter page to PDF" "seconds" "pages/min"
+printf '%-44s %10s %12s\n' "zentary-scan, 1 page to TIFF (file transfer)" "$tiff" "$(perminute 1 "$tiff")"
 printf '%-44s %10s %12s\n' "zentary-scan, 1 page" "$one" "$(perminute 1 "$one")"
 printf '%-44s %10s %12s\n' "zentary-scan, 3 pages" "$three" "$(perminute 3 "$three")"
 printf '%-44s %10s %12s\n' "zentary-scan --ocr eng, 1 page" "$one_ocr" "$(perminute 1 "$one_ocr")"
 printf '%-44s %10s %12s\n' "zentary-scan --ocr eng, 3 pages" "$three_ocr" "$(perminute 3 "$three_ocr")"
+printf '%-44s %10s %12s\n' "  the same, OpenMP on every core, 1 page" "$one_ocr1" "$(perminute 1 "$one_ocr1")"
+printf '%-44s %10s %12s\n' "  the same, OpenMP on every core, 3 pages" "$three_ocr1" "$(perminute 3 "$three_ocr1")"
 printf '%-44s %10s %12s\n' "scanimage --format=pdf (zentary backend)" "$sane" "$(perminute 1 "$sane")"
 printf '%-44s %10s\n' "OCR of one page (1 page with - without)" "$(echo "$one_ocr - $one" | bc)"
+printf '%-44s %10s\n' "  the same, OpenMP on every core" "$(echo "$one_ocr1 - $one" | bc)"
 printf '%-44s %10s\n' "zentary-scan / scanimage time, 1 page" "$(echo "scale=2; $one / $sane" | bc)"
