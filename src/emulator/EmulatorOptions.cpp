@@ -40,6 +40,8 @@ const char* emulatorOptionsHelp()
            "    packet=N           bulk-in max packet size in bytes, 8..1024; default 512\n"
            "    serial=TEXT        the device's serial number; default ZQ305EMU0001\n"
            "    lockfile=PATH      the file PATH exists while the scanner is reserved\n"
+           "    image=PATH         a PNG, JPEG or TIFF on the glass instead of the test chart,\n"
+           "                       fitted to the 8.5 x 11.7 in glass from its top-left corner\n"
            "    fault=NAME[@N]     inject a fault (the option may be repeated):\n"
            "      lock-refused       the scanner refuses to be reserved\n"
            "      not-ready@N        the scanner is not ready for the first N polls (default 1)\n"
@@ -95,6 +97,12 @@ bool parseEmulatorOptions(std::string_view text, EmulatorOptions* options, std::
                 return false;
             }
             options->lockFile = std::string(value);
+        } else if (key == "image") {
+            if (value.empty()) {
+                *error = "image needs a path";
+                return false;
+            }
+            options->imagePath = std::string(value);
         } else if (key == "fault") {
             auto at = value.find('@');
             std::string_view name = value.substr(0, at);

@@ -36,6 +36,8 @@ struct EmulatorOptions {
     // on the device: a test in another binary than the data source can see
     // whether a failed scan left the scanner locked. Empty: no such file.
     std::string lockFile;
+    // A PNG, JPEG or TIFF on the glass instead of the test chart. Empty: the chart.
+    std::string imagePath;
     std::vector<EmulatorFaultRule> faults;
 };
 

@@ -72,7 +72,10 @@ std::unique_ptr<UsbDeviceBackend> makeEmulatorDevice(std::uint16_t vid, std::uin
     if (!parseEmulatorOptions(options, &parsed, &error)) return nullptr;
     if (vid != kEmulatorVendorID || pid != kEmulatorProductID) return nullptr;
     if (serialNumber && *serialNumber != parsed.serialNumber) return nullptr;
-    return makeEmulatorDevice(std::make_shared<ScannerModel>(std::move(parsed)));
+    // A glass without the picture asked for would scan something else: no scanner rather than a wrong page.
+    auto model = std::make_shared<ScannerModel>(std::move(parsed));
+    if (!model->pageError().empty()) return nullptr;
+    return makeEmulatorDevice(std::move(model));
 }
 
 std::unique_ptr<UsbDeviceBackend> makeEmulatorDevice(std::shared_ptr<ScannerModel> model)

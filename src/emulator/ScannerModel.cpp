@@ -29,10 +29,29 @@ std::uint32_t pixelsFor(std::uint32_t hundredths, std::uint32_t dpi)
     return std::uint32_t(std::trunc(float(hundredths) / 100.0f * float(dpi)));
 }
 
+// Models come and go with each device the host opens; the picture stays
+// decoded while any of them shows it.
+std::shared_ptr<const PageImage> sharedPage(const std::string& path, std::string* error)
+{
+    static std::mutex mutex;
+    static std::string lastPath;
+    static std::weak_ptr<const PageImage> last;
+    std::lock_guard<std::mutex> guard(mutex);
+    if (auto page = last.lock(); page && lastPath == path) return page;
+    auto page = PageImage::load(path, error);
+    if (page) {
+        lastPath = path;
+        last = page;
+    }
+    return page;
+}
+
 }  // namespace
 
 ScannerModel::ScannerModel(EmulatorOptions options) : mOptions(std::move(options))
 {
+    if (!mOptions.imagePath.empty() && !(mPage = sharedPage(mOptions.imagePath, &mPageError)) && mPageError.empty())
+        mPageError = "cannot read " + mOptions.imagePath;
     // Words the scanner owns; the host must hand them back unchanged.
     mDefaults.fields = {0x00010305, 2, 0,      300,  0x100, 0x200, 0x300, 0x400, 8, 0,        0xCAFE, 0,      1,
                         0,          0, kScanModeColor, 0, 0, kBedHeight, kBedWidth, 0, 0, kBedHeight, kBedWidth, 1};
@@ -230,6 +249,32 @@ void ScannerModel::startJob()
     job.rowsPerPacket = mOptions.rowsPerPacket ? mOptions.rowsPerPacket : std::max(1u, kPacketBudget / rowBytes);
     job.rowsSent = 0;
     for (auto& row : job.rowCache) row.clear();
+    job.pageColumns.clear();
+    if (mPage)
+        for (std::uint32_t px = 0; px < job.width; ++px)
+            job.pageColumns.push_back(mPage->column(chart::chartPosition(job.left, job.dpi, px)));
+}
+
+void ScannerModel::pageRow(std::uint32_t glassY, std::uint8_t* out) const
+{
+    // Only the rows asked for are scaled, one at a time, from the picture as
+    // decoded: a 1200 dpi scan costs no more memory than a 150 dpi one.
+    const Job& job = mJob;
+    std::uint32_t y = mPage->row(glassY);
+    std::memset(out, kPadding, std::size_t(job.pitch) * job.bytesPerPixel);
+    for (std::uint32_t px = 0; px < job.width; ++px) {
+        std::uint32_t x = job.pageColumns[px];
+        if (job.color) {
+            chart::Rgb c = mPage->color(x, y);
+            std::uint8_t* p = out + 4 * px;
+            p[0] = 0xFF;
+            p[1] = c.r;
+            p[2] = c.g;
+            p[3] = c.b;
+        } else {
+            out[px] = mPage->gray(x, y);
+        }
+    }
 }
 
 const std::vector<std::uint8_t>& ScannerModel::cachedRow(std::uint32_t rowClass)
@@ -271,7 +316,10 @@ void ScannerModel::buildDataPacket()
     std::uint8_t* rows = d + kScanDataHeaderSize;
     for (std::uint32_t r = 0; r < count; ++r) {
         std::uint32_t y = chart::chartPosition(job.top, job.dpi, job.rowsSent + r);
-        std::memcpy(rows + r * rowBytes, cachedRow(chart::rowClass(y)).data(), rowBytes);
+        if (mPage)
+            pageRow(y, rows + r * rowBytes);
+        else
+            std::memcpy(rows + r * rowBytes, cachedRow(chart::rowClass(y)).data(), rowBytes);
     }
     if (faultHitsPacket(EmulatorFault::ShortData, job.rowsSent, count))
         mCurrent.resize(kScanHeaderSize + kScanDataHeaderSize + pixelBytes / 2);

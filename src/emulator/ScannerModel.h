@@ -6,13 +6,16 @@
 #pragma once
 
 #include "emulator/EmulatorOptions.h"
+#include "emulator/PageImage.h"
 #include "scanlib/ScanProtocol.h"
 
 #include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace zentary {
@@ -33,6 +36,9 @@ public:
 
     std::uint16_t bulkInMaxPacketSize() const { return mOptions.maxPacketSize; }
     const EmulatorOptions& options() const { return mOptions; }
+    // Why the picture named by the options could not be put on the glass;
+    // empty when there is none or it loaded. A model with an error scans white.
+    const std::string& pageError() const { return mPageError; }
 
     // For tests: how often the host sent a command, and the device's state.
     int commandCount(std::uint32_t message) const;
@@ -49,6 +55,7 @@ private:
         std::uint32_t width = 0, rows = 0, pitch = 0, bytesPerPixel = 4, rowsPerPacket = 1;
         std::uint32_t rowsSent = 0;
         std::array<std::vector<std::uint8_t>, 8> rowCache;
+        std::vector<std::uint32_t> pageColumns;  // the picture's column under each pixel
     };
 
     void reply(std::uint32_t message, std::uint32_t status, const std::uint8_t* payload = nullptr,
@@ -60,12 +67,15 @@ private:
     bool nextMessage();
     void buildDataPacket();
     const std::vector<std::uint8_t>& cachedRow(std::uint32_t rowClass);
+    void pageRow(std::uint32_t glassY, std::uint8_t* out) const;
     const EmulatorFaultRule* fault(EmulatorFault kind) const;
     bool faultHitsPacket(EmulatorFault kind, std::uint32_t firstRow, std::uint32_t count);
     void throttle(std::uint32_t bytes);
     void showLock();  // the lock file follows mLocked
 
     EmulatorOptions mOptions;
+    std::shared_ptr<const PageImage> mPage;  // null: the chart
+    std::string mPageError;
     mutable std::mutex mMutex;
     bool mLocked = false;
     bool mStalled = false, mSilent = false, mGone = false;

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "Documents.h"
 #include "imaging/FileIo.h"
 #include "imaging/ImageExport.h"
 
@@ -64,12 +65,13 @@ void quietHandler(const char*, const char*, va_list) {}
 
 }  // namespace
 
-std::unique_ptr<PendingFile> PendingFile::create(const std::string& finalPath, std::string* error)
+std::unique_ptr<PendingFile> PendingFile::create(const std::string& finalPath, std::string* error,
+                                                 const std::string& suffix)
 {
     std::filesystem::path target(finalPath);
     std::filesystem::path dir = target.parent_path().empty() ? std::filesystem::path(".") : target.parent_path();
-    std::string pattern = (dir / ("." + target.filename().string() + ".XXXXXX")).string();
-    int fd = mkstemp(pattern.data());
+    std::string pattern = (dir / ("." + target.filename().string() + ".XXXXXX" + suffix)).string();
+    int fd = mkstemps(pattern.data(), static_cast<int>(suffix.size()));
     if (fd < 0) {
         *error = "cannot write to " + dir.string() + ": " + std::strerror(errno);
         return nullptr;
@@ -211,6 +213,8 @@ bool writeImage(const OffscreenImage& image, OutputFormat format, const std::str
     case OutputFormat::Tiff: return exportTiff(image, path);
     case OutputFormat::Jpeg: return exportJpeg(image, path);
     case OutputFormat::Pict: return exportPict(image, path);
+    case OutputFormat::Png: return writePng(image, path);
+    case OutputFormat::Pdf: return false;  // a document of its own (Documents.h)
     }
     return false;
 }

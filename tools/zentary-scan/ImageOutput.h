@@ -19,8 +19,10 @@ namespace zentary {
 // A temporary file beside the user's output, removed unless committed.
 class PendingFile {
 public:
-    // Null with *error set when the directory is not writable.
-    static std::unique_ptr<PendingFile> create(const std::string& finalPath, std::string* error);
+    // Null with *error set when the directory is not writable. The
+    // temporary name ends in `suffix` for writers that insist on one.
+    static std::unique_ptr<PendingFile> create(const std::string& finalPath, std::string* error,
+                                               const std::string& suffix = {});
     ~PendingFile();
     PendingFile(const PendingFile&) = delete;
     PendingFile& operator=(const PendingFile&) = delete;
@@ -57,7 +59,7 @@ private:
     std::uint64_t mRowsReceived = 0;
 };
 
-// Writes an image in `format` to `path` (a pending file's temporary path).
+// Writes an image in `format` (TIFF, JPEG, PICT, PNG) to `path` (a pending file's temporary path).
 bool writeImage(const OffscreenImage& image, OutputFormat format, const std::string& path);
 // Writes bytes as they are.
 bool writeBytes(std::span<const std::uint8_t> bytes, const std::string& path);

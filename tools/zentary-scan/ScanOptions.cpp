@@ -4,9 +4,11 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <vector>
 
 #include "emulator/EmulatorOptions.h"
+#include "emulator/PageImage.h"
 
 namespace zentary {
 
@@ -42,6 +44,8 @@ std::optional<OutputFormat> formatForPath(std::string_view path)
     if (endsWith(name, ".tif") || endsWith(name, ".tiff")) return OutputFormat::Tiff;
     if (endsWith(name, ".jpg") || endsWith(name, ".jpeg")) return OutputFormat::Jpeg;
     if (endsWith(name, ".pict") || endsWith(name, ".pct")) return OutputFormat::Pict;
+    if (endsWith(name, ".png")) return OutputFormat::Png;
+    if (endsWith(name, ".pdf")) return OutputFormat::Pdf;
     return std::nullopt;
 }
 
@@ -51,6 +55,8 @@ const char* formatName(OutputFormat format)
     case OutputFormat::Tiff: return "TIFF";
     case OutputFormat::Jpeg: return "JPEG";
     case OutputFormat::Pict: return "PICT";
+    case OutputFormat::Png: return "PNG";
+    case OutputFormat::Pdf: return "PDF";
     }
     return "?";
 }
@@ -95,6 +101,109 @@ bool parseArea(std::string_view text, ScanArea* area, std::string* error)
     return true;
 }
 
+bool isDocument(const ScanOptions& options)
+{
+    return options.pages != 1 || options.batch || options.format == OutputFormat::Png ||
+           options.format == OutputFormat::Pdf || (options.qualityChosen && options.format == OutputFormat::Jpeg);
+}
+
+bool isMultiPageFormat(OutputFormat format)
+{
+    return format == OutputFormat::Pdf || format == OutputFormat::Tiff;
+}
+
+namespace {
+
+// Where the one integer conversion of a page pattern starts and ends; a
+// negative start for none, and false for anything else printf would take.
+bool findConversion(std::string_view pattern, long* start, std::size_t* end)
+{
+    *start = -1;
+    for (std::size_t i = 0; i < pattern.size(); ++i) {
+        if (pattern[i] != '%') continue;
+        if (i + 1 < pattern.size() && pattern[i + 1] == '%') {
+            ++i;
+            continue;
+        }
+        std::size_t j = i + 1;
+        if (j < pattern.size() && pattern[j] == '0') ++j;
+        std::size_t digits = j;
+        while (j < pattern.size() && std::isdigit(static_cast<unsigned char>(pattern[j]))) ++j;
+        if (j - digits > 2 || j >= pattern.size() || pattern[j] != 'd' || *start >= 0) return false;
+        *start = long(i);
+        *end = j + 1;
+        i = j;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool validPagePattern(std::string_view pattern, std::string* error)
+{
+    long start = -1;
+    std::size_t end = 0;
+    if (!findConversion(pattern, &start, &end) || start < 0) {
+        *error = "the output '" + std::string(pattern) +
+                 "' needs exactly one page number conversion for several pages, e.g. page-%03d.png (%% for a percent sign)";
+        return false;
+    }
+    return true;
+}
+
+std::string pagePath(std::string_view pattern, int page)
+{
+    long start = -1;
+    std::size_t end = 0;
+    if (!findConversion(pattern, &start, &end) || start < 0) return std::string(pattern);
+    std::string out;
+    auto unescape = [&out](std::string_view part) {
+        for (std::size_t i = 0; i < part.size(); ++i) {
+            out += part[i];
+            if (part[i] == '%' && i + 1 < part.size() && part[i + 1] == '%') ++i;
+        }
+    };
+    unescape(pattern.substr(0, std::size_t(start)));
+    std::string conversion(pattern.substr(std::size_t(start), end - std::size_t(start)));
+    char number[32];
+    std::snprintf(number, sizeof(number), conversion.c_str(), page);
+    out += number;
+    unescape(pattern.substr(end));
+    return out;
+}
+
+bool checkDocumentOptions(const ScanOptions& options, bool stdinIsTerminal, std::string* error)
+{
+    if (options.pages < 0 || (options.pages == 0 && !options.batch)) {
+        *error = "--pages needs a positive number";
+        return false;
+    }
+    if (options.quality < 1 || options.quality > 100) {
+        *error = "--quality needs a number from 1 to 100";
+        return false;
+    }
+    if (options.batch && !stdinIsTerminal) {
+        *error = "--batch asks before each page and needs a terminal: use --pages N to scan without asking";
+        return false;
+    }
+    if (!options.ocrLanguage.empty() && options.format != OutputFormat::Pdf) {
+        *error = "--ocr writes a searchable PDF: give an output ending in .pdf";
+        return false;
+    }
+    for (char c : options.ocrLanguage)
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '+') {
+            *error = "--ocr: '" + options.ocrLanguage + "' is not a Tesseract language code (such as eng or eng+deu)";
+            return false;
+        }
+    if (options.qualityChosen && options.format != OutputFormat::Jpeg && options.format != OutputFormat::Pdf) {
+        *error = "--quality applies to JPEG and PDF output";
+        return false;
+    }
+    bool several = options.pages != 1 || options.batch;
+    if (several && !isMultiPageFormat(options.format) && !validPagePattern(options.output, error)) return false;
+    return true;
+}
+
 bool parseDevice(std::string_view text, DeviceChoice* device, std::string* error)
 {
     if (text == "auto") {
@@ -111,6 +220,12 @@ bool parseDevice(std::string_view text, DeviceChoice* device, std::string* error
         std::string reason;
         if (!options.empty() && !parseEmulatorOptions(options, &parsed, &reason)) {
             *error = "--device: " + reason;
+            return false;
+        }
+        // The picture is read here once so that a wrong one is a usage error
+        // rather than an emulator that does not show up.
+        if (!parsed.imagePath.empty() && !PageImage::load(parsed.imagePath, &reason)) {
+            *error = "--device: image=" + reason;
             return false;
         }
         *device = DeviceChoice{DeviceChoice::Kind::Emulator, options};

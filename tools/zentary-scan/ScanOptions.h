@@ -17,7 +17,7 @@ enum ExitCode : int {
     kExitCancelled = 130 // Ctrl-C, or Cancel in the dialog (130 as a shell reports SIGINT)
 };
 
-enum class OutputFormat { Tiff, Jpeg, Pict };
+enum class OutputFormat { Tiff, Jpeg, Pict, Png, Pdf };
 enum class ColorMode { Color, Gray };
 enum class Mechanism { Native, Memory, File };
 
@@ -53,7 +53,30 @@ struct ScanOptions {
     std::string dsmPath;     // empty: the built-in manager
     std::string sourceName = "Tarvell Zentary Q305 MFP";  // the source to ask an installed manager for
     std::string sourcePath;  // empty: found beside the tool or in the usual places
+    // Documents: several pages, or a format the tool writes itself.
+    int pages = 1;           // --pages; with --batch the most to scan (0: no limit)
+    bool batch = false;      // ask before each page after the first until the user says stop
+    bool keepPartial = false;
+    int quality = 85;        // JPEG files and the colour pages of a PDF
+    bool qualityChosen = false;
+    std::string ocrLanguage;  // non-empty: a searchable PDF, Tesseract language code(s) such as eng or eng+deu
 };
+
+// Whether the tool itself writes the output (PNG, PDF, several pages, a
+// chosen JPEG quality, OCR) from images it receives, rather than the data
+// source writing a single file.
+bool isDocument(const ScanOptions& options);
+// Whether the pages go into one file (PDF, TIFF) rather than one file each.
+bool isMultiPageFormat(OutputFormat format);
+// The checks of the document options that need no scanner: false with one
+// line for the user. `stdinIsTerminal` says whether prompts can be answered.
+bool checkDocumentOptions(const ScanOptions& options, bool stdinIsTerminal, std::string* error);
+// A file name pattern for numbered pages holds exactly one printf-style
+// integer conversion (%d, %3d or %03d; %% is a percent sign).
+bool validPagePattern(std::string_view pattern, std::string* error);
+// The pattern with the page number put in; the name itself when it holds no
+// conversion (a single page).
+std::string pagePath(std::string_view pattern, int page);
 
 // From the output file's extension (case-insensitive); nothing for others.
 std::optional<OutputFormat> formatForPath(std::string_view path);

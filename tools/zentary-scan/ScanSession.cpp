@@ -1,6 +1,11 @@
 #include "ScanSession.h"
 
+#include <poll.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <iterator>
 
 #include <algorithm>
 #include <cmath>
@@ -74,7 +79,8 @@ std::string describe(const TW_IMAGEINFO& info, OutputFormat format, std::uintmax
 ScanSession::ScanSession(TwainLink& source, const ScanOptions& options, ProgressReporter& progress,
                          const std::atomic<bool>& interrupted, std::string workDir, std::string uiLog)
     : mSource(source), mOptions(options), mProgress(progress), mInterrupted(interrupted),
-      mWorkDir(std::move(workDir)), mUiLog(std::move(uiLog)), mMechanism(options.mechanism)
+      mWorkDir(std::move(workDir)), mUiLog(std::move(uiLog)), mMechanism(options.mechanism),
+      mFileFormat(options.format)
 {
 }
 
@@ -100,10 +106,8 @@ SessionResult ScanSession::failure(int exitCode, const std::string& what)
     return {exitCode, message};
 }
 
-void ScanSession::windDown()
+void ScanSession::windDownToOpen()
 {
-    // Each step may legitimately fail (we may not have reached its state);
-    // together they bring the source back to closed from anywhere.
     if (mTransferReady) {
         TW_PENDINGXFERS pending{};
         mSource.call(DG_CONTROL, DAT_PENDINGXFERS, MSG_RESET, &pending);
@@ -114,6 +118,13 @@ void ScanSession::windDown()
         mSource.call(DG_CONTROL, DAT_USERINTERFACE, MSG_DISABLEDS, &ui);
         mEnabled = false;
     }
+}
+
+void ScanSession::windDown()
+{
+    // Each step may legitimately fail (we may not have reached its state);
+    // together they bring the source back to closed from anywhere.
+    windDownToOpen();
     mSource.close();
 }
 
@@ -156,9 +167,9 @@ SessionResult ScanSession::negotiate()
     }
 
     if (mMechanism == Mechanism::File) {
-        TW_UINT16 format = mOptions.format == OutputFormat::Tiff   ? TWFF_TIFF
-                           : mOptions.format == OutputFormat::Jpeg ? TWFF_JFIF
-                                                                   : TWFF_PICT;
+        TW_UINT16 format = mFileFormat == OutputFormat::Tiff   ? TWFF_TIFF
+                           : mFileFormat == OutputFormat::Jpeg ? TWFF_JFIF
+                                                               : TWFF_PICT;
         TW_SETUPFILEXFER setup{};
         if (filePath.size() >= sizeof(setup.FileName))
             return {kExitUsage, "the output path is too long for a file transfer (255 characters at most); "
@@ -166,7 +177,7 @@ SessionResult ScanSession::negotiate()
         std::memcpy(setup.FileName, filePath.c_str(), filePath.size() + 1);
         setup.Format = format;
         if (mSource.call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &setup) != TWRC_SUCCESS)
-            return failure(kExitFailure, std::string("the scanner cannot write ") + formatName(mOptions.format) +
+            return failure(kExitFailure, std::string("the scanner cannot write ") + formatName(mFileFormat) +
                                              " files to " + filePath);
     }
     return {};
@@ -266,7 +277,7 @@ SessionResult ScanSession::transferNative(const TW_IMAGEINFO& info, const std::s
     return {};
 }
 
-SessionResult ScanSession::transferMemory(const TW_IMAGEINFO& info, const std::string& target)
+SessionResult ScanSession::receiveMemory(const TW_IMAGEINFO& info, std::unique_ptr<OffscreenImage>* image)
 {
     std::string error;
     auto assembler = StripAssembler::create(info, &error);
@@ -289,8 +300,39 @@ SessionResult ScanSession::transferMemory(const TW_IMAGEINFO& info, const std::s
         if (rc == TWRC_XFERDONE && !assembler->complete())
             return {kExitFailure, "the memory transfer ended before the last row"};
     }
-    auto image = assembler->take();
+    *image = assembler->take();
+    return {};
+}
+
+SessionResult ScanSession::transferMemory(const TW_IMAGEINFO& info, const std::string& target)
+{
+    std::unique_ptr<OffscreenImage> image;
+    SessionResult result = receiveMemory(info, &image);
+    if (result.exitCode != kExitOk) return result;
     if (!writeImage(*image, mOptions.format, target)) return {kExitFailure, "cannot write " + mOptions.output};
+    return {};
+}
+
+SessionResult ScanSession::receiveImage(const TW_IMAGEINFO& info, std::unique_ptr<OffscreenImage>* image)
+{
+    if (mMechanism == Mechanism::Memory) return receiveMemory(info, image);
+    // Native and file transfers hand over a TIFF, read back here.
+    std::vector<std::uint8_t> bytes;
+    if (mMechanism == Mechanism::Native) {
+        TW_HANDLE handle = nullptr;
+        TW_UINT16 rc = mSource.call(DG_IMAGE, DAT_IMAGENATIVEXFER, MSG_GET, &handle);
+        OwnedHandle owned(mSource, handle);
+        if (rc != TWRC_XFERDONE) return failure(kExitFailure, "the native transfer failed");
+        bytes.assign(owned.bytes().begin(), owned.bytes().end());
+    } else {
+        if (mSource.call(DG_IMAGE, DAT_IMAGEFILEXFER, MSG_GET, nullptr) != TWRC_XFERDONE)
+            return failure(kExitFailure, "the file transfer failed");
+        std::ifstream file(mFileTarget, std::ios::binary);
+        bytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    std::string error;
+    *image = decodeTiff(bytes, &error);
+    if (!*image) return {kExitFailure, error};
     return {};
 }
 
@@ -326,8 +368,112 @@ SessionResult ScanSession::transfer()
     return result;
 }
 
+bool ScanSession::askForPage(int page)
+{
+    mProgress.finish();
+    std::fprintf(stderr, "Place page %d on the glass and press Enter, or q to finish: ", page);
+    std::fflush(stderr);
+    std::string answer;
+    // Polled, so that Ctrl-C is seen while the user thinks.
+    while (!mInterrupted) {
+        pollfd in{STDIN_FILENO, POLLIN, 0};
+        int ready = poll(&in, 1, 100);
+        if (ready < 0 && errno != EINTR) return false;
+        if (ready <= 0) continue;
+        char c = 0;
+        ssize_t n = read(STDIN_FILENO, &c, 1);
+        if (n <= 0) return false;  // end of input: the user is done
+        if (c == '\n') break;
+        answer += c;
+    }
+    if (mInterrupted) return false;
+    return answer.find_first_not_of(" \t") == std::string::npos ||
+           (answer.find('q') == std::string::npos && answer.find('Q') == std::string::npos);
+}
+
+SessionResult ScanSession::scanPage(Document& document)
+{
+    TW_USERINTERFACE ui{static_cast<TW_BOOL>(mOptions.showUI ? 1 : 0), 1, nullptr};
+    if (mSource.call(DG_CONTROL, DAT_USERINTERFACE, MSG_ENABLEDS, &ui) != TWRC_SUCCESS)
+        return failure(kExitDevice, "cannot start the scanner");
+    mEnabled = true;
+    SessionResult result = waitForTransfer();
+    if (result.exitCode != kExitOk) return result;
+    TW_IMAGEINFO info{};
+    if (mSource.call(DG_IMAGE, DAT_IMAGEINFO, MSG_GET, &info) != TWRC_SUCCESS)
+        return failure(kExitFailure, "the scanner gave no image information");
+    mProgress.phase("Transferring");
+    std::unique_ptr<OffscreenImage> image;
+    result = receiveImage(info, &image);
+    mProgress.update(1);
+    mProgress.finish();
+    if (result.exitCode != kExitOk) return result;
+    TW_PENDINGXFERS pending{};
+    if (mSource.call(DG_CONTROL, DAT_PENDINGXFERS, MSG_ENDXFER, &pending) == TWRC_SUCCESS) mTransferReady = false;
+    // Back to the open source, as a client does between pages: the next
+    // page is its own enable.
+    windDownToOpen();
+    if (mInterrupted) return {kExitCancelled, "cancelled"};
+    mLastInfo = info;
+    std::string error;
+    if (!document.addPage(std::move(image), &error))
+        return {mInterrupted ? kExitCancelled : kExitFailure, error};
+    return {};
+}
+
+SessionResult ScanSession::scanDocument()
+{
+    std::string error;
+    auto document = makeDocument(mOptions, mOcr, mWorkDir, mInterrupted, &error);
+    if (!document) return {kExitUsage, error};
+    // The tool writes the pages itself: memory transfers bring them
+    // quickest unless the user chose otherwise; a file transfer lands in a
+    // TIFF of our own that is read back.
+    if (!mOptions.mechanismChosen) mMechanism = Mechanism::Memory;
+    mFileTarget = mWorkDir + "/page.tif";
+    mFileFormat = OutputFormat::Tiff;
+
+    if (mSource.open() != TWRC_SUCCESS) {
+        bool noScanner = false;
+        for (const AlertSeen& alert : readUiLog(mUiLog).alerts) noScanner |= alert.row == 2;
+        return failure(noScanner ? kExitDevice : kExitFailure, "cannot open the scanner");
+    }
+    SessionResult result = negotiate();
+    bool prompts = isatty(STDIN_FILENO) == 1;
+    for (int page = 1; result.exitCode == kExitOk && (mOptions.pages == 0 || page <= mOptions.pages); ++page) {
+        if (page > 1 && prompts && !askForPage(page)) {
+            if (mInterrupted) result = {kExitCancelled, "cancelled"};
+            break;
+        }
+        result = scanPage(*document);
+    }
+    windDown();
+    if (result.exitCode == kExitOk && mInterrupted) result = {kExitCancelled, "cancelled"};
+    // A failed or cancelled document is dropped, or kept as far as it got
+    // when the user asked for that.
+    if (result.exitCode != kExitOk && !(mOptions.keepPartial && document->pageCount() > 0)) return result;
+    if (document->pageCount() == 0) return {kExitFailure, "no page was scanned"};
+    if (!document->finish(&error)) return result.exitCode != kExitOk ? result : SessionResult{kExitFailure, error};
+    if (result.exitCode != kExitOk) {
+        int kept = document->pageCount();
+        result.message += " (kept the " + std::to_string(kept) + (kept == 1 ? " page" : " pages") + " scanned before)";
+        return result;
+    }
+    // One file, or one a page named from the pattern: the line names them all.
+    bool oneFile = isMultiPageFormat(mOptions.format);
+    std::uintmax_t bytes = 0;
+    std::error_code ec;
+    for (int page = 1; page <= (oneFile ? 1 : document->pageCount()); ++page)
+        bytes += std::filesystem::file_size(oneFile ? mOptions.output : pagePath(mOptions.output, page), ec);
+    std::string name = oneFile || document->pageCount() > 1 ? mOptions.output : pagePath(mOptions.output, 1);
+    result.message = name + ": " + std::to_string(document->pageCount()) + " page" +
+                     (document->pageCount() == 1 ? ", " : "s, ") + describe(mLastInfo, mOptions.format, bytes);
+    return result;
+}
+
 SessionResult ScanSession::scan()
 {
+    if (isDocument(mOptions)) return scanDocument();
     std::string error;
     auto pending = PendingFile::create(mOptions.output, &error);
     if (!pending) return {kExitUsage, error};

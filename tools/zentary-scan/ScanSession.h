@@ -8,6 +8,7 @@
 #include <atomic>
 #include <string>
 
+#include "Documents.h"
 #include "TwainLink.h"
 #include "Feedback.h"
 #include "ScanOptions.h"
@@ -28,8 +29,16 @@ public:
 
     SessionResult scan();
     SessionResult list();
+    // With --ocr: the engine, its language loaded, that recognises each page.
+    void setOcrEngine(OcrEngine* engine) { mOcr = engine; }
 
 private:
+    SessionResult scanDocument();
+    SessionResult scanPage(Document& document);
+    // Before a page after the first: true to go on, false when the user is done.
+    bool askForPage(int page);
+    SessionResult receiveImage(const TW_IMAGEINFO& info, std::unique_ptr<OffscreenImage>* image);
+    SessionResult receiveMemory(const TW_IMAGEINFO& info, std::unique_ptr<OffscreenImage>* image);
     SessionResult negotiate();
     SessionResult waitForTransfer();
     SessionResult transfer();
@@ -40,6 +49,7 @@ private:
     SessionResult failure(int exitCode, const std::string& what);
     std::string alertText();
     void windDown();
+    void windDownToOpen();  // disabled, transfers reset: the source stays open
     double scanFraction() const;
 
     TwainLink& mSource;
@@ -53,6 +63,9 @@ private:
     bool mTransferReady = false;
     std::string mFileTarget;  // the temporary file a file transfer writes
     Mechanism mMechanism;     // the options' choice, or memory for a path too long for a file transfer
+    OutputFormat mFileFormat; // what a file transfer writes: the output's format, or TIFF for a document's page
+    OcrEngine* mOcr = nullptr;
+    TW_IMAGEINFO mLastInfo{};
 };
 
 }  // namespace zentary

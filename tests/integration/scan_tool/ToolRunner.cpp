@@ -45,7 +45,10 @@ ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>
     pid_t child = fork();
     if (child == 0) {
         int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (out < 0 || chdir(dir.c_str()) != 0) _exit(127);
+        // Never a terminal on stdin: the tool must not stop to ask.
+        int in = open("/dev/null", O_RDONLY);
+        if (in < 0 || out < 0 || chdir(dir.c_str()) != 0) _exit(127);
+        dup2(in, 0);
         dup2(out, 1);
         dup2(err[1], 2);
         for (const std::string& entry : env) putenv(const_cast<char*>(entry.c_str()));

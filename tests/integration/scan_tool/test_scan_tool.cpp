@@ -51,7 +51,7 @@ TEST_F(ScanTool, BadInputIsRefusedInOneLineAndTouchesNothing)
         {with(kSmall, {"--resolution", "200", "x.tif"}), kUsage, "150, 300, 600, 1200"},
         {with(kSmall, {"missing-dir/x.tif"}), kUsage, "cannot write to missing-dir"},
         {with(kSmall, {"old.tif"}), kUsage, "--overwrite"},
-        {with(kSmall, {"x.png"}), kUsage, ".tif"},
+        {with(kSmall, {"x.bmp"}), kUsage, ".tif"},
         {{"--area", "1,2,3", "x.tif"}, kUsage, "LEFT,TOP,WIDTH,HEIGHT"},
         {{"--device", "emulator:fault=melt", "x.tif"}, kUsage, "melt"},
         {{"--mode", "sepia", "x.tif"}, kUsage, "sepia"},

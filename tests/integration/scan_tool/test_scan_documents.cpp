@@ -1,0 +1,265 @@
+// Documents from zentary-scan: PNG and PDF output, several pages into one
+// PDF, one multi-page TIFF or numbered files, searchable PDF, and a page
+// picture on the emulated glass. What the tool wrote is read back by tools
+// that share nothing with it (libpng, libtiff, poppler's pdfinfo, pdfimages
+// and pdftotext) and compared with the chart or the page picture.
+#include <gtest/gtest.h>
+#include <png.h>
+#include <tiffio.h>
+
+#include <algorithm>
+#include <cmath>
+#include <csetjmp>
+#include <cstdio>
+#include <memory>
+
+#include "ToolRunner.h"
+#include "support/TestEnvironment.h"
+
+namespace zentary {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A small frame at 150 dpi keeps every case well under a second.
+const std::vector<std::string> kSmall = {"--device", "emulator", "--resolution", "150", "--area", "1,0.5,1,0.5"};
+constexpr test::Origin kOrigin{100, 50};
+constexpr std::uint32_t kWidth = 150, kHeight = 75;
+
+std::string output(const std::string& command)
+{
+    std::string text;
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    char buffer[4096];
+    for (std::size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;) text.append(buffer, n);
+    return text;
+}
+
+bool readPngRows(png_structp png, png_infop info, FILE* file, test::Picture* picture)
+{
+    if (setjmp(png_jmpbuf(png))) return false;
+    png_init_io(png, file);
+    png_read_info(png, info);
+    png_set_strip_16(png);
+    png_set_strip_alpha(png);
+    png_set_expand(png);
+    png_read_update_info(png, info);
+    picture->width = png_get_image_width(png, info);
+    picture->height = png_get_image_height(png, info);
+    picture->channels = png_get_channels(png, info);
+    png_uint_32 x = 0, y = 0;
+    int unit = 0;
+    if (png_get_pHYs(png, info, &x, &y, &unit) && unit == PNG_RESOLUTION_METER) {
+        picture->xDpi = std::round(x * 0.0254);
+        picture->yDpi = std::round(y * 0.0254);
+    }
+    picture->pixels.resize(std::size_t(picture->width) * picture->height * picture->channels);
+    for (std::uint32_t row = 0; row < picture->height; ++row)
+        png_read_row(png, picture->pixels.data() + std::size_t(row) * picture->width * picture->channels, nullptr);
+    return true;
+}
+
+std::optional<test::Picture> decodePng(const fs::path& file)
+{
+    std::unique_ptr<FILE, int (*)(FILE*)> in(fopen(file.c_str(), "rb"), fclose);
+    if (!in) return std::nullopt;
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    test::Picture picture;
+    bool ok = readPngRows(png, info, in.get(), &picture);
+    png_destroy_read_struct(&png, &info, nullptr);
+    if (!ok) return std::nullopt;
+    return picture;
+}
+
+// Every directory of a TIFF, as RGB or gray.
+std::vector<test::Picture> decodeTiffPages(const fs::path& file)
+{
+    std::vector<test::Picture> pages;
+    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(file.c_str(), "r"), TIFFClose);
+    if (!tiff) return pages;
+    do {
+        test::Picture page;
+        std::uint16_t samples = 0;
+        float dpi = 0;
+        TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &page.width);
+        TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &page.height);
+        TIFFGetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
+        TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &dpi);
+        page.channels = samples;
+        page.xDpi = page.yDpi = dpi;
+        std::size_t stride = std::size_t(page.width) * samples;
+        page.pixels.resize(stride * page.height);
+        for (std::uint32_t y = 0; y < page.height; ++y)
+            if (TIFFReadScanline(tiff.get(), page.pixels.data() + y * stride, y) < 0) return {};
+        pages.push_back(std::move(page));
+    } while (TIFFReadDirectory(tiff.get()));
+    return pages;
+}
+
+// The pictures of a PDF's pages, as poppler extracts them.
+std::vector<test::Picture> pdfPictures(const fs::path& pdf)
+{
+    fs::path prefix = pdf.parent_path() / "extracted";
+    output("pdfimages -png '" + pdf.string() + "' '" + prefix.string() + "'");
+    std::vector<test::Picture> pictures;
+    for (int i = 0;; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "-%03d.png", i);
+        fs::path file = prefix.string() + name;
+        auto picture = decodePng(file);
+        if (!picture) break;
+        pictures.push_back(std::move(*picture));
+        fs::remove(file);
+    }
+    return pictures;
+}
+
+enum class Kind { Png, Pdf, Tiff };
+
+struct DocumentCase {
+    const char* name;
+    std::vector<std::string> args;
+    std::vector<std::string> files;  // what the run leaves, in page order
+    Kind kind;
+    int pages;
+    std::uint32_t channels;
+    double minimumPsnr;  // 0: lossless
+};
+
+class ScanDocuments : public ::testing::Test {
+protected:
+    test::ScratchDir mScratch;
+    std::vector<std::string> mEnv{"XDG_CONFIG_HOME=" + mScratch.path().string()};
+
+    test::ToolRun run(std::vector<std::string> args, int interruptAfterMs = 0)
+    {
+        return test::runTool(mScratch.path(), args, mEnv, interruptAfterMs);
+    }
+};
+
+std::vector<std::string> small(std::vector<std::string> more)
+{
+    std::vector<std::string> args = kSmall;
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+}
+
+TEST_F(ScanDocuments, EveryPageMatchesTheChart)
+{
+    const DocumentCase cases[] = {
+        {"colour PNG", small({"scan.png"}), {"scan.png"}, Kind::Png, 1, 3, 0},
+        {"numbered PNGs by native transfer", small({"--mode", "gray", "--xfer", "native", "--pages", "2", "p-%02d.png"}),
+         {"p-01.png", "p-02.png"}, Kind::Png, 2, 1, 0},
+        {"gray PDF by file transfer", small({"--mode", "gray", "--xfer", "file", "--pages", "2", "doc.pdf"}),
+         {"doc.pdf"}, Kind::Pdf, 2, 1, 0},
+        {"colour PDF", small({"--quality", "95", "doc.pdf"}), {"doc.pdf"}, Kind::Pdf, 1, 3, 30},
+        {"multi-page TIFF", small({"--pages", "2", "scans.tiff"}), {"scans.tiff"}, Kind::Tiff, 2, 3, 0},
+    };
+    for (const DocumentCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        test::ToolRun result = run(c.args);
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(test::strayFiles(mScratch.path(), c.files), std::vector<std::string>{});
+        std::vector<test::Picture> pages;
+        fs::path first = mScratch.path() / c.files.front();
+        if (c.kind == Kind::Png) {
+            for (const std::string& file : c.files)
+                if (auto picture = decodePng(mScratch.path() / file)) pages.push_back(std::move(*picture));
+        } else if (c.kind == Kind::Tiff) {
+            pages = decodeTiffPages(first);
+        } else {
+            std::string info = output("pdfinfo '" + first.string() + "'");
+            EXPECT_NE(info.find("Pages:           " + std::to_string(c.pages)), std::string::npos) << info;
+            // 1 x 0.5 inch.
+            EXPECT_NE(info.find("Page size:       72 x 36 pts"), std::string::npos) << info;
+            pages = pdfPictures(first);
+        }
+        ASSERT_EQ(pages.size(), std::size_t(c.pages));
+        test::Picture chart = test::chartPicture(kOrigin, 150, kWidth, kHeight, c.channels);
+        for (const test::Picture& page : pages) {
+            if (c.kind != Kind::Pdf) {
+                EXPECT_EQ(page.xDpi, 150);
+            }
+            EXPECT_TRUE(c.minimumPsnr > 0 ? test::closePixels(page, chart, c.minimumPsnr)
+                                          : test::samePixels(page, chart));
+        }
+        for (const std::string& file : c.files) fs::remove(mScratch.path() / file);
+    }
+}
+
+TEST_F(ScanDocuments, SearchablePdfOfAPagePictureHoldsItsWords)
+{
+    // The typeset page is a 300 dpi letter page: scanned at 300 dpi from the
+    // corner, the glass gives back its very pixels. Its top 2.5 inches hold
+    // the title and a paragraph; two pages make the second scan overlap the
+    // first one's recognition.
+    fs::path page = fs::path(std::getenv("ZENTARY_SOURCE_DIR")) / "tests/data/garden-letter.png";
+    test::ToolRun result = run({"--device", "emulator:image=" + page.string(), "--mode", "gray", "--resolution",
+                                "300", "--area", "0,0,8.5,2.5", "--pages", "2", "--ocr", "eng", "letter.pdf"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    fs::path pdf = mScratch.path() / "letter.pdf";
+    std::string text = output("pdftotext '" + pdf.string() + "' -");
+    for (const char* word : {"Garden", "spring", "apple", "blossom", "hedge"})
+        EXPECT_NE(text.find(word), std::string::npos) << word << " not in:\n" << text;
+    std::string info = output("pdfinfo '" + pdf.string() + "'");
+    EXPECT_NE(info.find("Page size:       612 x 180 pts"), std::string::npos) << info;
+
+    std::vector<test::Picture> pictures = pdfPictures(pdf);
+    auto original = decodePng(page);
+    ASSERT_TRUE(original);
+    original->height = 750;
+    original->pixels.resize(std::size_t(original->width) * original->height);
+    original->xDpi = original->yDpi = 0;
+    ASSERT_EQ(pictures.size(), 2u);
+    for (const test::Picture& picture : pictures) EXPECT_TRUE(test::samePixels(picture, *original));
+}
+
+TEST_F(ScanDocuments, BadCombinationsAreRefusedBeforeScanning)
+{
+    struct Case {
+        std::vector<std::string> args;
+        const char* says;
+    } cases[] = {
+        {small({"--ocr", "eng", "x.png"}), "searchable PDF"},
+        {small({"--ocr", "zz9", "x.pdf"}), "tesseract-ocr-zz9"},
+        {small({"--ocr", "../eng", "x.pdf"}), "not a Tesseract language"},
+        {small({"--batch", "x.pdf"}), "terminal"},
+        {small({"--pages", "2", "x.png"}), "page-%03d.png"},
+        {small({"--pages", "2", "x%d-%d.jpg"}), "exactly one"},
+        {small({"--pages", "2", "x%s.png"}), "exactly one"},
+        {small({"--quality", "90", "x.tif"}), "--quality"},
+        {small({"--quality", "0", "x.jpg"}), "1 to 100"},
+        {{"--device", "emulator:image=missing.png", "x.png"}, "missing.png"},
+    };
+    for (const Case& c : cases) {
+        test::ToolRun result = run(c.args);
+        EXPECT_EQ(result.exitCode, 2) << c.says;
+        EXPECT_NE(result.err.find(c.says), std::string::npos) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        EXPECT_EQ(test::strayFiles(mScratch.path()), std::vector<std::string>{});
+    }
+}
+
+TEST_F(ScanDocuments, CtrlCLeavesNoDocumentUnlessAskedToKeepThePagesSoFar)
+{
+    // 3 MB a page at 4 MB/s, with the scanner's start about 1.7 s a page:
+    // Ctrl-C lands in the second of three.
+    for (bool keep : {false, true}) {
+        std::vector<std::string> args = {"--device", "emulator:mbps=4", "--mode", "gray", "--area", "0,0,8.5,4",
+                                         "--pages", "3", "doc.pdf"};
+        if (keep) args.insert(args.begin(), "--keep-partial");
+        test::ToolRun result = run(args, 2700);
+        EXPECT_EQ(result.exitCode, 130) << result.err;
+        if (!keep) {
+            EXPECT_EQ(test::strayFiles(mScratch.path()), std::vector<std::string>{});
+            continue;
+        }
+        EXPECT_EQ(test::strayFiles(mScratch.path(), {"doc.pdf"}), std::vector<std::string>{});
+        std::string info = output("pdfinfo '" + (mScratch.path() / "doc.pdf").string() + "'");
+        EXPECT_NE(info.find("Pages:           1"), std::string::npos) << info;
+    }
+}
+
+}  // namespace
+}  // namespace zentary
