@@ -132,9 +132,9 @@ protected:
     test::ScratchDir mScratch;
     std::vector<std::string> mEnv{"XDG_CONFIG_HOME=" + mScratch.path().string()};
 
-    test::ToolRun run(std::vector<std::string> args, int interruptAfterMs = 0)
+    test::ToolRun run(std::vector<std::string> args, const test::Signals& signals = {})
     {
-        return test::runTool(mScratch.path(), args, mEnv, interruptAfterMs);
+        return test::runTool(mScratch.path(), args, mEnv, signals);
     }
 };
 
@@ -243,13 +243,13 @@ TEST_F(ScanDocuments, BadCombinationsAreRefusedBeforeScanning)
 
 TEST_F(ScanDocuments, CtrlCLeavesNoDocumentUnlessAskedToKeepThePagesSoFar)
 {
-    // 3 MB a page at 4 MB/s, with the scanner's start about 1.7 s a page:
-    // Ctrl-C lands in the second of three.
+    // 3 MB a page at 4 MB/s: a second after the first page's transfer
+    // began, Ctrl-C lands in the scan of the second of three.
     for (bool keep : {false, true}) {
         std::vector<std::string> args = {"--device", "emulator:mbps=4", "--mode", "gray", "--area", "0,0,8.5,4",
                                          "--pages", "3", "doc.pdf"};
         if (keep) args.insert(args.begin(), "--keep-partial");
-        test::ToolRun result = run(args, 2700);
+        test::ToolRun result = run(args, {"Transferring...", {{1000, SIGINT}}});
         EXPECT_EQ(result.exitCode, 130) << result.err;
         if (!keep) {
             EXPECT_EQ(test::strayFiles(mScratch.path()), std::vector<std::string>{});
