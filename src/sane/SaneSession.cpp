@@ -82,7 +82,7 @@ SANE_Status SaneSession::openDevice(const std::string& deviceName, const SaneCon
     if (!mCapabilities) {
         // Nothing works without the definitions: say where we looked and
         // what the configuration file to fix is.
-        debug(kDebugError,
+        debug(kDebugAlways,
               "cannot open %s: no usable capability definitions for \"%s\" in %s (%s); set the "
               "\"capabilities\" line of zentary.conf to the directory that holds them",
               deviceName.c_str(), kModel, config.capabilitiesDir.c_str(), error.c_str());
