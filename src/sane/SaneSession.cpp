@@ -163,6 +163,9 @@ void SaneSession::scanEnded(bool completed)
 void SaneSession::pollCancel()
 {
     if (!mCancelRequested.load() || !mScanner) return;
+    // A cancel after the last byte (frontends send one after every page)
+    // leaves the scanner to end its job by itself.
+    if (mBuffer.isDrained()) return;
     mBuffer.abort();
     mScanner->stopScan();
 }
