@@ -74,7 +74,7 @@ void SaneFrameBuffer::updateReadyLocked()
 int SaneFrameBuffer::beginImage(const RawFileHeader& header)
 {
     std::lock_guard<std::mutex> guard(mMutex);
-    if (mAborted) return kScanLibErrWriteFile;
+    if (mAborted) return 0;
     bool gray = header.colorType == std::uint32_t(kColorTypeGray);
     // Only what we asked for: a frame of another kind would not be the frame
     // the frontend set up for.
@@ -105,10 +105,11 @@ int SaneFrameBuffer::appendRows(const std::uint8_t* base, std::uint32_t rows, st
                                 std::size_t pitchBytes)
 {
     std::unique_lock<std::mutex> lock(mMutex);
+    if (mAborted) return 0;
     if (!mFrameKnown || rowBytes != std::size_t(mFrame.pixels_per_line) * mInPixelBytes) return kScanLibErrRead;
     const std::size_t outRow = mRow.size();
     for (std::uint32_t r = 0; r < rows; ++r) {
-        if (mAborted) return kScanLibErrWriteFile;
+        if (mAborted) return 0;
         // Rows past the announced height have no place in the frame.
         if (mProduced >= mTotal) return 0;
         const std::uint8_t* in = base + std::size_t(r) * pitchBytes;
@@ -126,7 +127,7 @@ int SaneFrameBuffer::appendRows(const std::uint8_t* base, std::uint32_t rows, st
         std::size_t done = 0;
         while (done < outRow) {
             mChanged.wait(lock, [this] { return mAborted || mFill < mRing.size(); });
-            if (mAborted) return kScanLibErrWriteFile;
+            if (mAborted) return 0;
             std::size_t tail = (mHead + mFill) % mRing.size();
             std::size_t count = std::min({outRow - done, mRing.size() - mFill, mRing.size() - tail});
             std::memcpy(mRing.data() + tail, mRow.data() + done, count);

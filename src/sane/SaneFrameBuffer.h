@@ -51,7 +51,10 @@ public:
     // The scan ended: completed (the missing rows, if any, are blank paper)
     // or failed with `status`.
     void finish(SANE_Status status);
-    // Nobody will read any more (cancel, close): the scan thread stops waiting.
+    // Nobody will read any more (cancel, close): the scan thread stops
+    // waiting, and rows are dropped until the caller's cancel ends the job
+    // (one cancel, from the caller, rather than a second one from the
+    // scan thread).
     void abort();
     // Async-signal-safe: makes the select fd readable, nothing else.
     void wake();

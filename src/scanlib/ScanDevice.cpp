@@ -321,7 +321,9 @@ void ScanDevice::stopScan()
         ScanThread* thread = mScanThread;
         callWithin(mSession->thread->loop(), kThreadCallWait, [thread] { thread->stopScan(); });
     }
-    mState = kScanStateStopping;
+    // While we waited, our loop may have taken the job's scanDone (the job
+    // ended by itself meanwhile): an idle session stays idle.
+    if (mState == kScanStateScanning) mState = kScanStateStopping;
 }
 
 void ScanDevice::setServer(ScanThread* server, std::int32_t tag)
