@@ -22,9 +22,12 @@ SANE_String_Const sane_zentary_strstatus(SANE_Status status);
 }
 #pragma GCC visibility pop
 
-#include <array>
+#include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
+#include <utility>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,8 +36,10 @@ SANE_String_Const sane_zentary_strstatus(SANE_Status status);
 
 #include "platform/RunLoop.h"
 #include "sane/SaneConfig.h"
+#include "sane/SaneDebug.h"
 #include "sane/SaneSession.h"
 #include "scanlib/ScanDevice.h"
+#include "scanlib/usb/LibusbBackend.h"
 #include "scanlib/usb/USBDevice.h"
 
 namespace zentary::sane {
@@ -42,11 +47,36 @@ namespace zentary::sane {
 namespace {
 
 constexpr SANE_Int kBuild = 1;
-constexpr std::size_t kMaxHandles = 8;
 
-// Handles are looked up in a fixed table of atomics: sane_cancel must find
-// its session from a signal handler, where no lock may be taken.
-std::array<std::atomic<SaneSession*>, kMaxHandles> gHandles{};
+// Open handles, looked up without a lock: sane_cancel must find its session
+// from a signal handler. A slot, once made, stays in the list (empty or
+// reused) until the library goes, so a reader never follows a freed node;
+// there are never more slots than handles were open at once.
+struct HandleSlot {
+    std::atomic<SaneSession*> session{nullptr};
+    HandleSlot* next = nullptr;
+};
+std::atomic<HandleSlot*> gSlots{nullptr};
+
+struct SlotList {
+    ~SlotList()
+    {
+        for (HandleSlot* slot = gSlots.exchange(nullptr); slot;) delete std::exchange(slot, slot->next);
+    }
+} gSlotOwner;
+
+void addHandle(SaneSession* session)
+{
+    for (HandleSlot* slot = gSlots.load(); slot; slot = slot->next) {
+        SaneSession* expected = nullptr;
+        if (slot->session.compare_exchange_strong(expected, session)) return;
+    }
+    auto* slot = new HandleSlot;
+    slot->session = session;
+    slot->next = gSlots.load();
+    while (!gSlots.compare_exchange_weak(slot->next, slot)) {
+    }
+}
 
 struct DeviceEntry {
     std::string name, model;
@@ -65,7 +95,7 @@ struct Backend {
 
     void shutdown()
     {
-        for (std::atomic<SaneSession*>& slot : gHandles) delete slot.exchange(nullptr);
+        for (HandleSlot* slot = gSlots.load(); slot; slot = slot->next) delete slot->session.exchange(nullptr);
         loop.reset();
         initialized = false;
     }
@@ -80,8 +110,8 @@ Backend& backend()
 SaneSession* session(SANE_Handle handle)
 {
     if (!handle) return nullptr;
-    for (std::atomic<SaneSession*>& slot : gHandles)
-        if (slot.load() == handle) return static_cast<SaneSession*>(handle);
+    for (HandleSlot* slot = gSlots.load(); slot; slot = slot->next)
+        if (slot->session.load() == handle) return static_cast<SaneSession*>(handle);
     return nullptr;
 }
 
@@ -91,15 +121,22 @@ bool emulatorSelected()
     return selection && std::string_view(selection).substr(0, 8) == "emulator";
 }
 
-// The devices there are now. ZENTARY_SCANNER=emulator means no USB at all,
-// as it does for the data source.
+// The devices there are now: one per scanner plugged in, named by where it
+// is plugged so that two of them can be told apart and both opened.
+// ZENTARY_SCANNER=emulator means no USB at all, as it does for the data source.
 std::vector<DeviceEntry> probeDevices(const SaneConfig& config)
 {
     std::vector<DeviceEntry> found;
-    if (!emulatorSelected() &&
-        USBDevice::libusbDeviceWithVid(kScannerVendorID, kScannerProductID, std::nullopt))
-        found.push_back({kUsbDeviceName, "Zentary Q305"});
+    if (!emulatorSelected()) {
+        for (UsbLocation location : listLibusbDevices(kScannerVendorID, kScannerProductID)) {
+            char name[32];
+            std::snprintf(name, sizeof name, "%s%03u:%03u", kUsbDevicePrefix, unsigned(location.bus),
+                          unsigned(location.address));
+            found.push_back({name, "Zentary Q305"});
+        }
+    }
     if (emulatorSelected() || config.listEmulator) found.push_back({kEmulatorDeviceName, "Zentary Q305 (emulator)"});
+    for (const DeviceEntry& entry : found) debug(kDebugInfo, "found zentary:%s", entry.name.c_str());
     return found;
 }
 
@@ -109,8 +146,13 @@ SANE_Status guarded(Fn&& fn)
     try {
         return fn();
     } catch (const std::bad_alloc&) {
+        debug(kDebugError, "out of memory");
         return SANE_STATUS_NO_MEM;
+    } catch (const std::exception& error) {
+        debug(kDebugError, "internal error: %s", error.what());
+        return SANE_STATUS_IO_ERROR;
     } catch (...) {
+        debug(kDebugError, "internal error");
         return SANE_STATUS_IO_ERROR;
     }
 }
@@ -127,6 +169,8 @@ SANE_Status sane_zentary_init(SANE_Int* version_code, SANE_Auth_Callback)
 {
     return guarded([&] {
         if (version_code) *version_code = SANE_VERSION_CODE(SANE_CURRENT_MAJOR, SANE_CURRENT_MINOR, kBuild);
+        initDebug();
+        debug(kDebugInfo, "sane_init: zentary backend %d.%d.%d", SANE_CURRENT_MAJOR, SANE_CURRENT_MINOR, kBuild);
         Backend& b = backend();
         std::lock_guard<std::mutex> guard(b.mutex);
         b.config = loadSaneConfig();
@@ -177,24 +221,28 @@ SANE_Status sane_zentary_open(SANE_String_Const devicename, SANE_Handle* handle)
         if (!b.initialized) return SANE_STATUS_INVAL;
         std::string name(devicename);
         if (name.rfind("zentary:", 0) == 0) name.erase(0, 8);
-        if (name.empty()) {
-            // The empty name means the first device there is.
-            std::vector<DeviceEntry> found = probeDevices(b.config);
-            if (found.empty()) return SANE_STATUS_INVAL;
-            name = found.front().name;
+        debug(kDebugCalls, "sane_open(\"%s\")", devicename);
+        std::vector<DeviceEntry> found;
+        // The empty name means the first device there is; "usb", the first
+        // scanner on USB.
+        if (name.empty() || name == "usb") {
+            found = probeDevices(b.config);
+            auto first = std::find_if(found.begin(), found.end(), [&](const DeviceEntry& entry) {
+                return name.empty() || entry.name.rfind(kUsbDevicePrefix, 0) == 0;
+            });
+            if (first == found.end()) return SANE_STATUS_INVAL;
+            name = first->name;
         }
-        if (name != kEmulatorDeviceName && name != kUsbDeviceName) return SANE_STATUS_INVAL;
+        if (name != kEmulatorDeviceName && name.rfind(kUsbDevicePrefix, 0) != 0) {
+            debug(kDebugError, "sane_open: no device named \"%s\"", devicename);
+            return SANE_STATUS_INVAL;
+        }
         std::unique_ptr<SaneSession> opened;
         SANE_Status status = SaneSession::open(name, b.config, b.loop->loop(), &opened);
         if (status != SANE_STATUS_GOOD) return status;
-        for (std::atomic<SaneSession*>& slot : gHandles) {
-            SaneSession* expected = nullptr;
-            if (slot.compare_exchange_strong(expected, opened.get())) {
-                *handle = opened.release();
-                return SANE_STATUS_GOOD;
-            }
-        }
-        return SANE_STATUS_NO_MEM;
+        addHandle(opened.get());
+        *handle = opened.release();
+        return SANE_STATUS_GOOD;
     });
 }
 
@@ -203,9 +251,9 @@ void sane_zentary_close(SANE_Handle handle)
     guarded([&] {
         Backend& b = backend();
         std::lock_guard<std::mutex> guard(b.mutex);
-        for (std::atomic<SaneSession*>& slot : gHandles) {
+        for (HandleSlot* slot = gSlots.load(); slot && handle; slot = slot->next) {
             SaneSession* expected = static_cast<SaneSession*>(handle);
-            if (handle && slot.compare_exchange_strong(expected, nullptr)) delete expected;
+            if (slot->session.compare_exchange_strong(expected, nullptr)) delete expected;
         }
         return SANE_STATUS_GOOD;
     });

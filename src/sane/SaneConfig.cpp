@@ -4,6 +4,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "sane/SaneDebug.h"
+
 namespace zentary::sane {
 
 namespace {
@@ -23,7 +25,9 @@ std::string_view trim(std::string_view text)
 
 void parseSaneConfig(std::string_view text, SaneConfig* config)
 {
+    int number = 0;
     while (!text.empty()) {
+        ++number;
         std::size_t end = text.find('\n');
         std::string_view line = text.substr(0, end);
         text = end == std::string_view::npos ? std::string_view{} : text.substr(end + 1);
@@ -33,10 +37,18 @@ void parseSaneConfig(std::string_view text, SaneConfig* config)
             config->listEmulator = true;
             continue;
         }
+        if (line.empty()) continue;
         constexpr std::string_view kCapabilities = "capabilities";
         if (line.size() > kCapabilities.size() && line.substr(0, kCapabilities.size()) == kCapabilities &&
-            (line[kCapabilities.size()] == ' ' || line[kCapabilities.size()] == '\t'))
+            (line[kCapabilities.size()] == ' ' || line[kCapabilities.size()] == '\t')) {
             config->capabilitiesDir = std::string(trim(line.substr(kCapabilities.size())));
+            debug(kDebugInfo, "zentary.conf: capabilities in %s", config->capabilitiesDir.c_str());
+            continue;
+        }
+        // Ignored, so that an older backend reads a newer file, but said:
+        // a misspelt keyword would otherwise do nothing without a trace.
+        debug(kDebugWarning, "zentary.conf line %d: unknown keyword \"%.*s\" ignored", number, int(line.size()),
+              line.data());
     }
 }
 
@@ -70,9 +82,12 @@ SaneConfig loadSaneConfig()
         std::string text(kMaxConfigBytes, '\0');
         file.read(text.data(), std::streamsize(text.size()));
         text.resize(std::size_t(file.gcount()));
+        debug(kDebugInfo, "reading %s", (dir / "zentary.conf").c_str());
         parseSaneConfig(text, &config);
-        break;
+        return config;
     }
+    debug(kDebugWarning, "no zentary.conf found; capability definitions expected in %s",
+          config.capabilitiesDir.c_str());
     return config;
 }
 

@@ -2,8 +2,8 @@
 // every backend's file: in the directories of SANE_CONFIG_DIR (a trailing
 // ":" adds the default ones), else in "." and the installed sane.d.
 //
-// Lines (blank lines and "#" comments ignored, unknown lines too, so an
-// older backend reads a newer file):
+// Lines (blank lines and "#" comments ignored; unknown lines too, so an
+// older backend reads a newer file, with a warning in the debug log):
 //   capabilities <directory>   where the capability definition files live
 //   emulator                   list the built-in emulated scanner as a device
 #pragma once

@@ -4,7 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cctype>
+#include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <string_view>
 
 #include "capabilities/Capabilities.h"
 #include "twain/twain.h"
@@ -24,9 +28,19 @@ std::optional<double> fix32Value(const std::optional<CapabilityValue>& value)
     return double(value->items()[0].number()) + double(value->items()[1].number()) / 65536.0;
 }
 
+// The scanner counts in hundredths of an inch; the options speak SANE_Fixed
+// millimetres. Each hundredth has exactly one option value, so a value read
+// back and set again is never inexact.
+constexpr double kFixedPerHundredth = kMillimetresPerHundredth * 65536.0;
+
 std::int32_t hundredthsOf(SANE_Fixed millimetres)
 {
-    return std::int32_t(std::lround(SANE_UNFIX(millimetres) / kMillimetresPerHundredth));
+    return std::int32_t(std::lround(double(millimetres) / kFixedPerHundredth));
+}
+
+SANE_Fixed millimetresOf(std::int32_t hundredths)
+{
+    return SANE_Fixed(std::lround(double(hundredths) * kFixedPerHundredth));
 }
 
 SANE_Option_Descriptor group(const char* title)
@@ -111,8 +125,9 @@ bool SaneOptions::load(Capabilities* capabilities, std::string* error)
     mGlassHeight = std::int32_t(std::lround(*height * 100));
     // The scanner counts in hundredths of an inch: the glass as it counts it
     // (11.7 in rather than the 11.69999 of a TW_FIX32) is what may be asked for.
-    mXRange = {0, SANE_FIX(mGlassWidth * kMillimetresPerHundredth), 0};
-    mYRange = {0, SANE_FIX(mGlassHeight * kMillimetresPerHundredth), 0};
+    // The quantisation tells frontends the step the scanner can really take.
+    mXRange = {0, millimetresOf(mGlassWidth), SANE_FIX(kMillimetresPerHundredth)};
+    mYRange = {0, millimetresOf(mGlassHeight), SANE_FIX(kMillimetresPerHundredth)};
     mArea = {0, 0, mXRange.max, mYRange.max};
     mPreview = SANE_FALSE;
 
@@ -168,7 +183,7 @@ SANE_Status SaneOptions::control(SANE_Int option, SANE_Action action, void* valu
     case SANE_ACTION_SET_VALUE:
         if (!SANE_OPTION_IS_SETTABLE(mDescriptors[std::size_t(option)].cap)) return SANE_STATUS_INVAL;
         return setValue(option, value, info);
-    default: return SANE_STATUS_INVAL;  // nothing here can choose itself
+    default: return SANE_STATUS_INVAL;  // nothing here can choose itself (SANE_ACTION_SET_AUTO)
     }
 }
 
@@ -198,51 +213,97 @@ SANE_Status SaneOptions::getValue(SANE_Int option, void* value) const
     return SANE_STATUS_GOOD;
 }
 
-SANE_Status SaneOptions::setValue(SANE_Int option, const void* value, SANE_Int* info)
+SANE_Status SaneOptions::setValue(SANE_Int option, void* value, SANE_Int* info)
 {
+    // Values are constrained the way every SANE backend does it, never
+    // refused for being off the grid or out of range: frontends compute
+    // corners from sizes (scanimage's -x) and round resolutions themselves,
+    // and expect the nearest possible value back, flagged as inexact.
+    bool inexact = false;
     if (option == kOptMode) {
         // The caller's buffer holds at most `size` bytes: never look further
         // for the terminating NUL.
         std::size_t size = std::size_t(mDescriptors[kOptMode].size);
-        const char* text = static_cast<const char*>(value);
+        char* text = static_cast<char*>(value);
         std::size_t length = strnlen(text, size);
         if (length == size) return SANE_STATUS_INVAL;
-        for (std::size_t i = 0; i < mModeNames.size(); ++i) {
-            if (mModeNames[i] != std::string_view(text, length)) continue;
-            if (mCapabilities->setCurrentValue(ICAP_PIXELTYPE, CapabilityValue(mModePixelTypes[i])) != 0)
-                return SANE_STATUS_INVAL;
-            if (info) *info |= SANE_INFO_RELOAD_PARAMS;
-            return SANE_STATUS_GOOD;
-        }
-        return SANE_STATUS_INVAL;
-    }
-    SANE_Word word;
-    std::memcpy(&word, value, sizeof word);
-    switch (option) {
-    case kOptResolution: {
-        auto begin = mResolutionList.begin() + 1;
-        if (std::find(begin, mResolutionList.end(), word) == mResolutionList.end()) return SANE_STATUS_INVAL;
-        if (mCapabilities->setCurrentValue(ICAP_XRESOLUTION, CapabilityValue::fix32(std::int16_t(word), 0)) != 0)
+        std::optional<std::size_t> chosen = matchModeName(std::string_view(text, length));
+        if (!chosen) return SANE_STATUS_INVAL;
+        if (mCapabilities->setCurrentValue(ICAP_PIXELTYPE, CapabilityValue(mModePixelTypes[*chosen])) != 0)
             return SANE_STATUS_INVAL;
-        break;
+        const std::string& name = mModeNames[*chosen];
+        if (name != std::string_view(text, length)) {
+            std::memcpy(text, name.c_str(), name.size() + 1);
+            inexact = true;
+        }
+    } else {
+        SANE_Word word;
+        std::memcpy(&word, value, sizeof word);
+        SANE_Word stored = word;
+        switch (option) {
+        case kOptResolution: {
+            stored = nearestResolution(word);
+            if (mCapabilities->setCurrentValue(ICAP_XRESOLUTION, CapabilityValue::fix32(std::int16_t(stored), 0)) !=
+                0)
+                return SANE_STATUS_INVAL;
+            break;
+        }
+        case kOptPreview:
+            if (word != SANE_FALSE && word != SANE_TRUE) return SANE_STATUS_INVAL;
+            mPreview = word;
+            break;
+        case kOptTlX:
+        case kOptTlY:
+        case kOptBrX:
+        case kOptBrY: {
+            std::int32_t limit = option == kOptTlX || option == kOptBrX ? mGlassWidth : mGlassHeight;
+            stored = millimetresOf(std::clamp(hundredthsOf(word), 0, limit));
+            mArea[std::size_t(option - kOptTlX)] = stored;
+            break;
+        }
+        default: return SANE_STATUS_INVAL;
+        }
+        if (stored != word) {
+            std::memcpy(value, &stored, sizeof stored);
+            inexact = true;
+        }
     }
-    case kOptPreview:
-        if (word != SANE_FALSE && word != SANE_TRUE) return SANE_STATUS_INVAL;
-        mPreview = word;
-        break;
-    case kOptTlX:
-    case kOptTlY:
-    case kOptBrX:
-    case kOptBrY: {
-        const SANE_Range* range = mDescriptors[std::size_t(option)].constraint.range;
-        if (word < range->min || word > range->max) return SANE_STATUS_INVAL;
-        mArea[std::size_t(option - kOptTlX)] = word;
-        break;
-    }
-    default: return SANE_STATUS_INVAL;
-    }
-    if (info) *info |= SANE_INFO_RELOAD_PARAMS;
+    if (info) *info |= SANE_INFO_RELOAD_PARAMS | (inexact ? SANE_INFO_INEXACT : 0);
     return SANE_STATUS_GOOD;
+}
+
+std::optional<std::size_t> SaneOptions::matchModeName(std::string_view text) const
+{
+    // An exact name first (ignoring case), else the one name it begins.
+    auto equalIgnoringCase = [](std::string_view a, std::string_view b) {
+        return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+                   return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+               });
+    };
+    std::optional<std::size_t> prefixOf;
+    int prefixes = 0;
+    for (std::size_t i = 0; i < mModeNames.size(); ++i) {
+        std::string_view name = mModeNames[i];
+        if (equalIgnoringCase(name, text)) return i;
+        if (!text.empty() && text.size() < name.size() && equalIgnoringCase(name.substr(0, text.size()), text)) {
+            prefixOf = i;
+            ++prefixes;
+        }
+    }
+    if (prefixes == 1) return prefixOf;
+    return std::nullopt;
+}
+
+SANE_Word SaneOptions::nearestResolution(SANE_Word asked) const
+{
+    // Ties go to the higher resolution: more detail rather than less.
+    SANE_Word best = mResolutionList[1];
+    for (auto it = mResolutionList.begin() + 1; it != mResolutionList.end(); ++it) {
+        std::int64_t distance = std::llabs(std::int64_t(*it) - asked);
+        std::int64_t bestDistance = std::llabs(std::int64_t(best) - asked);
+        if (distance < bestDistance || (distance == bestDistance && *it > best)) best = *it;
+    }
+    return best;
 }
 
 int SaneOptions::currentPixelType() const
@@ -271,6 +332,15 @@ ScanRequest SaneOptions::request() const
     request.right = std::clamp(std::max(x1, x2), 0, mGlassWidth);
     request.top = std::clamp(std::min(y1, y2), 0, mGlassHeight);
     request.bottom = std::clamp(std::max(y1, y2), 0, mGlassHeight);
+    // An area thinner than the scanner's step (scanimage -x 0.1) is one step
+    // wide rather than nothing: the frontend asked for an image.
+    auto widen = [](std::int32_t& low, std::int32_t& high, std::int32_t limit) {
+        if (high > low) return;
+        if (high < limit) ++high;
+        else --low;
+    };
+    widen(request.left, request.right, mGlassWidth);
+    widen(request.top, request.bottom, mGlassHeight);
     return request;
 }
 

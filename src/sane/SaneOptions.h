@@ -8,7 +8,9 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zentary {
@@ -49,7 +51,10 @@ public:
     ScanRequest request() const;
 
 private:
-    SANE_Status setValue(SANE_Int option, const void* value, SANE_Int* info);
+    // Stores the nearest value the option allows and writes it back to `value`.
+    SANE_Status setValue(SANE_Int option, void* value, SANE_Int* info);
+    std::optional<std::size_t> matchModeName(std::string_view text) const;
+    SANE_Word nearestResolution(SANE_Word asked) const;
     SANE_Status getValue(SANE_Int option, void* value) const;
     int currentPixelType() const;
     SANE_Int currentResolution() const;

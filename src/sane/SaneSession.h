@@ -1,23 +1,21 @@
 // One open device of the backend: a scanner session on the backend's loop
-// thread, its options, and the scan being read.
+// thread, its options, and the frame being read.
 //
-// Streaming. The scan thread writes the raw file (header, then rows) while
-// the scan runs; we open that file as soon as the scan has started, unlink
-// it at once (so no exit path, not even a kill, leaves it behind) and follow
-// it as it grows. An inotify watch on the file and an eventfd raised at the
-// end of the scan or on a cancel sit in one epoll set, which is the select
-// fd the frontend gets: it turns readable whenever sane_read has something
-// new to say.
+// Streaming. The scan thread hands each data packet's rows to the session's
+// frame buffer (a bounded ring in memory, see SaneFrameBuffer.h), which
+// sane_read empties; its eventfd is the select fd.
 //
 // Cancel. sane_cancel may come from another thread or from a signal handler
-// (scanimage calls it on SIGINT), so it only sets a flag and writes the
-// eventfd. A timer on the loop thread, running while a scan does, sees the
-// flag and stops the scan; a reader sees it and waits for the scan's end.
+// (scanimage calls it on SIGINT), so it only sets a flag and makes the select
+// fd readable. A timer on the loop thread, running while a scan does, sees
+// the flag, releases the scan thread from the buffer and stops the scan; a
+// reader sees it and waits for the scan's end.
 #pragma once
 
 #include <sane/sane.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -26,10 +24,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/Files.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "sane/SaneConfig.h"
+#include "sane/SaneFrameBuffer.h"
 #include "sane/SaneOptions.h"
 
 namespace zentary {
@@ -39,9 +37,10 @@ class ScanDevice;
 
 namespace zentary::sane {
 
-// Our own names; the dll loader shows them as "zentary:<name>".
+// Our own names; the dll loader shows them as "zentary:<name>". A USB
+// scanner is named by where it is plugged in, "libusb:BBB:DDD".
 inline constexpr const char* kEmulatorDeviceName = "emulator";
-inline constexpr const char* kUsbDeviceName = "usb";
+inline constexpr const char* kUsbDevicePrefix = "libusb:";
 
 class SaneSession {
 public:
@@ -63,56 +62,41 @@ public:
     SANE_Status getSelectFd(SANE_Int* fd);
 
 private:
+    // Idle: no frame. Scanning: a frame is being read. Done: sane_read has
+    // said how the frame ended and keeps saying it until cancel or start.
     enum class Phase { Idle, Scanning, Done };
 
     explicit SaneSession(RunLoop& loop);
     SANE_Status openDevice(const std::string& deviceName, const SaneConfig& config);
+    SANE_Status startOnLoop();                // loop thread
     void scanEnded(bool completed);           // loop thread
     void pollCancel();                        // loop thread, by timer
     bool waitForScanEnd(std::chrono::milliseconds limit);
     void stopScanAndWait();
-    void releaseScan();
     SANE_Status finishCancel();
-    SANE_Status failScan(SANE_Status status);
-    bool waitForChange(int timeoutMs);
-    void drainWatch();
-    int loadFrame();  // 1 once the raw header is read and checked, 0 not yet, -1 unusable
-    SANE_Parameters estimate() const;
-    std::uint64_t rawBytesAvailable();
-    SANE_Int produce(SANE_Byte* data, SANE_Int maxLength);
+    SANE_Parameters estimate(const ScanRequest& request) const;
 
     RunLoop& mLoop;
     NotificationCenter mCenter;
+    SaneFrameBuffer mBuffer;  // before mScanner: the scan thread may write to it until mScanner is gone
     std::unique_ptr<Capabilities> mCapabilities;
     std::unique_ptr<ScanDevice> mScanner;  // made, used and destroyed on mLoop
     std::vector<NotificationCenter::Token> mObservers;
     SaneOptions mOptions;
     bool mClosing = false;  // loop thread
 
-    files::UniqueFd mEpoll;
-    files::UniqueFd mWake;  // eventfd: scan ended or cancel asked
     std::atomic<bool> mCancelRequested{false};
 
-    std::mutex mMutex;  // guards mScanEnded, mScanCompleted, mCancelTimer
+    std::mutex mMutex;  // guards mScanEnded, mCancelTimer
     std::condition_variable mEndedCondition;
-    bool mScanEnded = false;
-    bool mScanCompleted = false;
+    bool mScanEnded = true;
     std::optional<RunLoop::TimerId> mCancelTimer;
 
-    // The scan being read; touched by the frontend's calls only.
+    // Touched by the frontend's calls only.
     Phase mPhase = Phase::Idle;
     SANE_Status mEndStatus = SANE_STATUS_EOF;  // what read() says once Done
     bool mNonBlocking = false;
     ScanRequest mRequest;
-    files::UniqueFd mRaw;
-    files::UniqueFd mWatch;  // inotify on mRaw
-    bool mFrameKnown = false;
-    SANE_Parameters mFrame{};
-    std::uint32_t mRawPixelBytes = 0;
-    std::uint64_t mRawTotal = 0, mRawRead = 0;    // pixel bytes of the raw file
-    std::uint64_t mOutTotal = 0, mOutWritten = 0;  // bytes promised and handed out
-    std::vector<SANE_Byte> mRawBuffer, mPending;
-    std::size_t mPendingPos = 0;
 };
 
 }  // namespace zentary::sane

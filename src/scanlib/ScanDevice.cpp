@@ -274,7 +274,7 @@ int ScanDevice::startScanWithCrop(ScanRect crop)
     if (!mScanThread) return kScanLibErrNotOpen;
     if (!mInterface) return kScanLibErrNotOpen;
     if (!mLocked) return kScanLibErrNotLocked;
-    if (!mFilePath) return kScanLibErrNotOpen;
+    if (!mFilePath && !mRowSink) return kScanLibErrNotOpen;
     if (mState == kScanStateScanning || mState == kScanStateStopping) return kScanLibErrBusy;
     mProgress = 0;
 
@@ -302,9 +302,11 @@ int ScanDevice::startScanWithCrop(ScanRect crop)
 
     auto answer = std::make_shared<int>(kScanLibErrTimeout);
     ScanThread* thread = mScanThread;
-    std::string path = *mFilePath;
-    if (!callWithin(mSession->thread->loop(), kThreadCallWait,
-                    [thread, path, answer] { *answer = thread->startScanToFile(path); }))
+    std::string path = mRowSink ? std::string() : *mFilePath;
+    ScanRowSink* sink = mRowSink;
+    if (!callWithin(mSession->thread->loop(), kThreadCallWait, [thread, path, sink, answer] {
+            *answer = sink ? thread->startScanToSink(sink) : thread->startScanToFile(path);
+        }))
         return kScanLibErrTimeout;
     if (*answer != 0) return *answer;
     mState = kScanStateScanning;
@@ -330,7 +332,9 @@ void ScanDevice::stopScan()
         ScanThread* thread = mScanThread;
         callWithin(mSession->thread->loop(), kThreadCallWait, [thread] { thread->stopScan(); });
     }
-    mState = kScanStateStopping;
+    // While we waited, our loop may have taken the job's scanDone (the job
+    // ended by itself meanwhile): an idle session stays idle.
+    if (mState == kScanStateScanning) mState = kScanStateStopping;
 }
 
 void ScanDevice::setServer(ScanThread* server, std::int32_t tag)

@@ -107,6 +107,9 @@ public:
     void setColorType(int colorType);
     int setResolution(std::int32_t dpi);
     void setOutputFile(std::string path);
+    // Rows of the next scans go to `sink` (which must outlive them) instead
+    // of the output file; null goes back to the file.
+    void setRowSink(ScanRowSink* sink) { mRowSink = sink; }
 
     int startScan();
     int startScanWithCrop(ScanRect crop);
@@ -144,6 +147,7 @@ private:
     std::int32_t mDPI = 300;
     std::optional<std::string> mFilePath;
     RawFileLock mRawFile;  // the completed scan's file, until it is removed
+    ScanRowSink* mRowSink = nullptr;
     int mLastScanError = 0;
     int mLastScanCause = 0;
     bool mDestroying = false;

@@ -32,6 +32,16 @@ int ScanThread::readExactly(std::uint8_t* buffer, std::uint32_t size, std::uint3
 
 int ScanThread::startScanToFile(const std::string& path)
 {
+    return startJob(path, nullptr);
+}
+
+int ScanThread::startScanToSink(ScanRowSink* sink)
+{
+    return sink ? startJob({}, sink) : kScanLibErrCreateFile;
+}
+
+int ScanThread::startJob(const std::string& path, ScanRowSink* sink)
+{
     if (mExited) return kScanLibErrNotOpen;
     if (mJobRunning) return kScanLibErrBusy;
     mJobState = kJobIdle;
@@ -45,11 +55,13 @@ int ScanThread::startScanToFile(const std::string& path)
     mFirstError = 0;
     mFinishedFile.release();
 
-    if (mFid.create(path) != 0) return kScanLibErrCreateFile;
+    mSink = sink;
+    if (!mSink && mFid.create(path) != 0) return kScanLibErrCreateFile;
     std::uint32_t status = 0;
     mLastError = PacketUtils::sendPacketToInterface(mInterface, kScanMsgStartScan, &status);
     if (mLastError != 0) {
         mFid.discard();
+        mSink = nullptr;
         return mLastError;
     }
     mJobRunning = true;
@@ -199,13 +211,14 @@ void ScanThread::readAndProcessScanDataOfLength(std::uint32_t length)
 
 void ScanThread::writeDataOfLength(std::uint32_t count, const ScanDataHeader& header)
 {
-    if (!mFid.isOpen() || count < 1) {
+    if ((!mSink && !mFid.isOpen()) || count < 1) {
         mLastError = kScanLibErrWriteFile;
         return;
     }
     std::size_t rowBytes = std::size_t(header.bytesPerPixel) * header.pixelsPerRow;
     std::size_t pitch = std::size_t(header.bytesPerPixel) * header.rowPitchPixels;
-    mLastError = mFid.appendRows(mDataBufr.get(), header.rows, rowBytes, pitch);
+    mLastError = mSink ? mSink->appendRows(mDataBufr.get(), header.rows, rowBytes, pitch)
+                       : mFid.appendRows(mDataBufr.get(), header.rows, rowBytes, pitch);
 }
 
 int ScanThread::initFileHeaderWithPixelsPerRow(std::uint32_t pixelsPerRow)
@@ -221,7 +234,7 @@ int ScanThread::initFileHeaderWithPixelsPerRow(std::uint32_t pixelsPerRow)
                          std::uint32_t(mDPI),
                          pixelsPerRow,
                          std::uint32_t(mNumRowsToScan)};
-    int result = mFid.writeHeader(header);
+    int result = mSink ? mSink->beginImage(header) : mFid.writeHeader(header);
     if (result != 0) return result;
     mFileHeaderWritten = true;
     mPixelsPerRow = pixelsPerRow;
@@ -230,7 +243,8 @@ int ScanThread::initFileHeaderWithPixelsPerRow(std::uint32_t pixelsPerRow)
 
 int ScanThread::finalizeFileHeader()
 {
-    int result = mFid.finalizeRows(std::uint32_t(mTotalScanlines));
+    auto rows = std::uint32_t(mTotalScanlines);
+    int result = mSink ? mSink->endImage(rows) : mFid.finalizeRows(rows);
     if (result == 0) mFileHeaderFinal = true;
     return result;
 }
@@ -271,6 +285,7 @@ void ScanThread::finishJob()
     mLastError = error;
     mDataBufr.reset();
     mDataBufrSize = 0;
+    mSink = nullptr;
     mJobRunning = false;
     mJobState = kJobIdle;
     if (mParent) mParent->scanDone(error);
@@ -282,6 +297,7 @@ void ScanThread::exit()
     if (mJobRunning) {
         mJobRunning = false;
         mFid.discard();
+        mSink = nullptr;
     }
     mDataBufr.reset();
     mDataBufrSize = 0;

@@ -9,6 +9,7 @@
 #include "platform/RunLoop.h"
 #include "scanlib/RawFile.h"
 #include "scanlib/ScanProtocol.h"
+#include "scanlib/ScanRowSink.h"
 #include "scanlib/usb/USBInterface.h"
 
 #include <cstdint>
@@ -49,6 +50,9 @@ public:
 
     // Starts a job writing to `path` (created new, see RawFileWriter).
     int startScanToFile(const std::string& path);
+    // Starts a job handing its rows to `sink` instead of a file; the sink
+    // must outlive the job.
+    int startScanToSink(ScanRowSink* sink);
     // Asks the scanner to cancel; the job ends when the scanner's answer (or
     // a failed read) ends it. Does nothing when no job runs.
     void stopScan();
@@ -68,6 +72,7 @@ public:
     void readNextPacket();
 
 private:
+    int startJob(const std::string& path, ScanRowSink* sink);
     void scheduleStep();
     int handleStartScanJob();
     void readAndProcessScanDataOfLength(std::uint32_t length);
@@ -95,6 +100,7 @@ private:
     std::int32_t mTotalScanlines = 0;
     RawFileWriter mFid;
     RawFileLock mFinishedFile;
+    ScanRowSink* mSink = nullptr;  // the running job's, instead of mFid
     bool mFileHeaderWritten = false;
     bool mFileHeaderFinal = false;
     std::uint32_t mPixelsPerRow = 0;

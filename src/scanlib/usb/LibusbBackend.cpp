@@ -184,8 +184,12 @@ bool serialMatches(libusb_device_handle* handle, const libusb_device_descriptor&
 
 }  // namespace
 
-std::unique_ptr<UsbDeviceBackend> findLibusbDevice(std::uint16_t vid, std::uint16_t pid,
-                                                   const std::optional<std::string>& serialNumber)
+namespace {
+
+// The first matching device that opens; `location`, when given, must match too.
+std::unique_ptr<UsbDeviceBackend> openMatching(std::uint16_t vid, std::uint16_t pid,
+                                               const std::optional<std::string>& serialNumber,
+                                               const std::optional<UsbLocation>& location)
 {
     libusb_context* rawContext = nullptr;
     if (libusb_init(&rawContext) != LIBUSB_SUCCESS) return nullptr;
@@ -200,6 +204,9 @@ std::unique_ptr<UsbDeviceBackend> findLibusbDevice(std::uint16_t vid, std::uint1
         libusb_device_descriptor descriptor;
         if (libusb_get_device_descriptor(rawList[i], &descriptor) != LIBUSB_SUCCESS) continue;
         if (descriptor.idVendor != vid || descriptor.idProduct != pid) continue;
+        if (location && (libusb_get_bus_number(rawList[i]) != location->bus ||
+                         libusb_get_device_address(rawList[i]) != location->address))
+            continue;
         libusb_device_handle* rawHandle = nullptr;
         if (libusb_open(rawList[i], &rawHandle) != LIBUSB_SUCCESS) continue;
         auto device = std::make_shared<OpenDevice>();
@@ -209,6 +216,38 @@ std::unique_ptr<UsbDeviceBackend> findLibusbDevice(std::uint16_t vid, std::uint1
         return std::make_unique<LibusbDevice>(std::move(device));
     }
     return nullptr;
+}
+
+}  // namespace
+
+std::unique_ptr<UsbDeviceBackend> findLibusbDevice(std::uint16_t vid, std::uint16_t pid,
+                                                   const std::optional<std::string>& serialNumber)
+{
+    return openMatching(vid, pid, serialNumber, std::nullopt);
+}
+
+std::unique_ptr<UsbDeviceBackend> openLibusbDeviceAt(std::uint16_t vid, std::uint16_t pid, UsbLocation location)
+{
+    return openMatching(vid, pid, std::nullopt, location);
+}
+
+std::vector<UsbLocation> listLibusbDevices(std::uint16_t vid, std::uint16_t pid)
+{
+    std::vector<UsbLocation> found;
+    libusb_context* rawContext = nullptr;
+    if (libusb_init(&rawContext) != LIBUSB_SUCCESS) return found;
+    ContextPtr context(rawContext, ContextDeleter());
+    libusb_device** rawList = nullptr;
+    ssize_t count = libusb_get_device_list(rawContext, &rawList);
+    if (count < 0) return found;
+    std::unique_ptr<libusb_device*, DeviceListDeleter> list(rawList);
+    for (ssize_t i = 0; i < count; ++i) {
+        libusb_device_descriptor descriptor;
+        if (libusb_get_device_descriptor(rawList[i], &descriptor) != LIBUSB_SUCCESS) continue;
+        if (descriptor.idVendor == vid && descriptor.idProduct == pid)
+            found.push_back({libusb_get_bus_number(rawList[i]), libusb_get_device_address(rawList[i])});
+    }
+    return found;
 }
 
 }  // namespace zentary

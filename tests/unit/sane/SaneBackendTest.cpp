@@ -1,6 +1,8 @@
 // The backend through its C entry points, loaded as the SANE dll loader
 // loads it: dlopen of libsane-zentary.so.1 and the sane_zentary_* symbols.
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <sys/select.h>
 
 #include <gtest/gtest.h>
@@ -134,9 +136,8 @@ TEST_F(SaneBackendTest, OptionsAreTheCapabilityDefinitions)
 TEST_F(SaneBackendTest, BadInputGivesStatusCodes)
 {
     SANE_Handle h = openEmulator();
-    SANE_Int tooBig = 75, notBool = 2, dpi600 = 600;
-    SANE_Fixed negative = SANE_FIX(-1.0), beyond = SANE_FIX(216.0);
-    char unknownMode[16] = "Lineart";
+    SANE_Int notBool = 2, minusOne = -1, dpi600 = 600;
+    char unknownMode[16] = "Lineart", ambiguous[16] = "";
     char unterminated[16];
     std::memset(unterminated, 'C', sizeof unterminated);
     struct Case {
@@ -146,11 +147,10 @@ TEST_F(SaneBackendTest, BadInputGivesStatusCodes)
         void* value;
         SANE_Status status;
     } cases[] = {
-        {"resolution not offered", kResolution, SANE_ACTION_SET_VALUE, &tooBig, SANE_STATUS_INVAL},
         {"bool out of range", kPreview, SANE_ACTION_SET_VALUE, &notBool, SANE_STATUS_INVAL},
-        {"tl-x below the glass", kTlX, SANE_ACTION_SET_VALUE, &negative, SANE_STATUS_INVAL},
-        {"br-x beyond the glass", kBrX, SANE_ACTION_SET_VALUE, &beyond, SANE_STATUS_INVAL},
+        {"bool below range", kPreview, SANE_ACTION_SET_VALUE, &minusOne, SANE_STATUS_INVAL},
         {"unknown mode", kMode, SANE_ACTION_SET_VALUE, unknownMode, SANE_STATUS_INVAL},
+        {"empty mode is a prefix of every mode", kMode, SANE_ACTION_SET_VALUE, ambiguous, SANE_STATUS_INVAL},
         {"mode without its NUL", kMode, SANE_ACTION_SET_VALUE, unterminated, SANE_STATUS_INVAL},
         {"null value", kResolution, SANE_ACTION_GET_VALUE, nullptr, SANE_STATUS_INVAL},
         {"option past the end", 10, SANE_ACTION_GET_VALUE, &dpi600, SANE_STATUS_INVAL},
@@ -184,16 +184,124 @@ TEST_F(SaneBackendTest, BadInputGivesStatusCodes)
     EXPECT_EQ(api.open(nullptr, &other), SANE_STATUS_INVAL);
     // No scanner on USB here: a device that vanished since it was listed.
     EXPECT_EQ(api.open("usb", &other), SANE_STATUS_INVAL);
+    EXPECT_EQ(api.open("zentary:libusb:001:250", &other), SANE_STATUS_INVAL);
+    EXPECT_EQ(api.open("libusb:1:", &other), SANE_STATUS_INVAL);
 
-    // A cancel with nothing running makes the next read say so, and is
-    // forgotten by the next start; an empty area cannot start.
+    // A cancel with nothing running changes nothing; an area thinner than
+    // the scanner's step still scans, one step wide.
     api.cancel(h);
-    EXPECT_EQ(api.read(h, &byte, 1, &length), SANE_STATUS_CANCELLED);
+    EXPECT_EQ(api.read(h, &byte, 1, &length), SANE_STATUS_INVAL);
     SANE_Fixed left = SANE_FIX(50.8);
     set(h, kTlX, &left);
     set(h, kBrX, &left);
-    EXPECT_EQ(api.start(h), SANE_STATUS_INVAL);
+    ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
+    SANE_Parameters p{};
+    ASSERT_EQ(api.get_parameters(h, &p), SANE_STATUS_GOOD);
+    EXPECT_EQ(p.pixels_per_line, 6);  // one hundredth at 600 dpi
     api.close(h);
+
+    // No fixed number of handles.
+    std::vector<SANE_Handle> handles(12);
+    for (SANE_Handle& each : handles) each = openEmulator();
+    for (SANE_Handle each : handles) EXPECT_NE(each, nullptr);
+    for (SANE_Handle each : handles) api.close(each);
+}
+
+TEST_F(SaneBackendTest, ValuesAreConstrainedNotRefused)
+{
+    SANE_Handle h = openEmulator();
+    const SANE_Word glassWidth = api.get_option_descriptor(h, kBrX)->constraint.range->max;
+    EXPECT_EQ(api.get_option_descriptor(h, kBrX)->constraint.range->quant, SANE_FIX(0.254));
+    struct Case {
+        const char* what;
+        SANE_Int option;
+        SANE_Word asked;
+        const char* askedText;  // for the mode
+        SANE_Word stored;
+        const char* storedText;
+    } cases[] = {
+        {"resolution between two", kResolution, 200, nullptr, 150, nullptr},
+        {"resolution below all", kResolution, 75, nullptr, 150, nullptr},
+        {"resolution far beyond", kResolution, INT32_MAX, nullptr, 1200, nullptr},
+        {"resolution far below", kResolution, INT32_MIN, nullptr, 150, nullptr},
+        {"resolution offered", kResolution, 600, nullptr, 600, nullptr},
+        {"corner left of the glass", kTlX, SANE_FIX(-1.0), nullptr, 0, nullptr},
+        {"corner right of the glass", kBrX, SANE_FIX(300.0), nullptr, glassWidth, nullptr},
+        {"corner at the glass's edge", kBrX, glassWidth, nullptr, glassWidth, nullptr},
+        {"corner between two steps", kTlX, SANE_FIX(10.0), nullptr, SANE_FIX(9.906), nullptr},
+        {"corner far beyond", kTlX, INT32_MAX, nullptr, glassWidth, nullptr},
+        {"mode in lower case", kMode, 0, "gray", 0, "Gray"},
+        {"mode by its prefix", kMode, 0, "COL", 0, "Color"},
+        {"mode as offered", kMode, 0, "Gray", 0, "Gray"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        char value[16] = {};
+        if (c.askedText) std::strncpy(value, c.askedText, sizeof value - 1);
+        else std::memcpy(value, &c.asked, sizeof c.asked);
+        SANE_Int info = 0;
+        ASSERT_EQ(api.control_option(h, c.option, SANE_ACTION_SET_VALUE, value, &info), SANE_STATUS_GOOD);
+        // The value the backend took is handed back, flagged when it differs.
+        char stored[16] = {};
+        ASSERT_EQ(api.control_option(h, c.option, SANE_ACTION_GET_VALUE, stored, nullptr), SANE_STATUS_GOOD);
+        bool exact;
+        if (c.askedText) {
+            EXPECT_STREQ(stored, c.storedText);
+            EXPECT_STREQ(value, c.storedText);
+            exact = std::strcmp(c.askedText, c.storedText) == 0;
+        } else {
+            SANE_Word word, written;
+            std::memcpy(&word, stored, sizeof word);
+            std::memcpy(&written, value, sizeof written);
+            EXPECT_NEAR(word, c.stored, 2);
+            EXPECT_EQ(written, word);
+            exact = c.asked == word;
+        }
+        EXPECT_EQ(bool(info & SANE_INFO_INEXACT), !exact) << info;
+        EXPECT_TRUE(info & SANE_INFO_RELOAD_PARAMS);
+        // What was stored is exact when set again.
+        ASSERT_EQ(api.control_option(h, c.option, SANE_ACTION_SET_VALUE, stored, &info), SANE_STATUS_GOOD);
+        EXPECT_FALSE(info & SANE_INFO_INEXACT);
+    }
+    api.close(h);
+}
+
+TEST_F(SaneBackendTest, ConfigurationProblemsAreLogged)
+{
+    struct Case {
+        const char* extra;  // lines after the good capabilities line
+        const char* logged;
+        SANE_Status open;
+    } cases[] = {
+        {"capabilities /nonexistent/caps\n", "/nonexistent/caps", SANE_STATUS_INVAL},
+        {"frobnicate 3\n", "unknown keyword \"frobnicate 3\"", SANE_STATUS_GOOD},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.extra);
+        api.exit();
+        writeSaneConfig(sScratch->path(), c.extra);
+        std::filesystem::path log = sScratch->path() / "stderr";
+        int saved = dup(2);
+        int file = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(file, 2);
+        {
+            ScopedEnv debugLevel("SANE_DEBUG_ZENTARY", "3");
+            ScopedEnv scanner("ZENTARY_SCANNER", "emulator");
+            api.init(nullptr, nullptr);
+            SANE_Handle h = nullptr;
+            EXPECT_EQ(api.open("zentary:emulator", &h), c.open);
+            if (h) api.close(h);
+        }
+        dup2(saved, 2);
+        close(saved);
+        close(file);
+        std::ifstream in(log);
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        EXPECT_NE(text.find(c.logged), std::string::npos) << text;
+    }
+    api.exit();
+    writeSaneConfig(sScratch->path());
+    api.init(nullptr, nullptr);
 }
 
 TEST_F(SaneBackendTest, ScansAreTheChart)
@@ -204,15 +312,17 @@ TEST_F(SaneBackendTest, ScansAreTheChart)
         bool preview;
         Area area;
         std::uint32_t expectedDpi;
+        const char* emulator = "";
     } cases[] = {
         {"Color", 150, false, {25.4, 50.8, 76.2, 88.9}, 150},
-        {"Gray", 300, false, {2.54, 12.7, 38.1, 27.94}, 300},
+        // A scanner warming up is waited for.
+        {"Gray", 300, false, {2.54, 12.7, 38.1, 27.94}, 300, "fault=not-ready@3"},
         // Corners the wrong way round are the same rectangle; preview is quick.
         {"Color", 600, true, {76.2, 88.9, 25.4, 50.8}, 150},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.mode) + " " + std::to_string(c.dpi));
-        SANE_Handle h = openEmulator();
+        SANE_Handle h = openEmulator(c.emulator);
         char mode[16] = {};
         std::strncpy(mode, c.mode, sizeof mode - 1);
         SANE_Int info = 0;
@@ -259,7 +369,8 @@ TEST_F(SaneBackendTest, NonBlockingReadsFollowTheSelectFd)
     SANE_Parameters p{};
     api.get_parameters(h, &p);
     std::vector<std::uint8_t> frame;
-    std::vector<std::uint8_t> buffer(65536);
+    // Small reads: the fd must stay readable while bytes are left over.
+    std::vector<std::uint8_t> buffer(4099);
     SANE_Status status = SANE_STATUS_GOOD;
     int emptyReads = 0, dataReads = 0;
     while (status == SANE_STATUS_GOOD) {
@@ -271,7 +382,7 @@ TEST_F(SaneBackendTest, NonBlockingReadsFollowTheSelectFd)
         SANE_Int length = 0;
         status = api.read(h, buffer.data(), SANE_Int(buffer.size()), &length);
         frame.insert(frame.end(), buffer.begin(), buffer.begin() + length);
-        (length ? dataReads : emptyReads)++;
+        if (status == SANE_STATUS_GOOD) (length ? dataReads : emptyReads)++;
     }
     EXPECT_EQ(status, SANE_STATUS_EOF);
     ASSERT_EQ(frame.size(), std::size_t(p.bytes_per_line) * std::size_t(p.lines));
@@ -279,7 +390,15 @@ TEST_F(SaneBackendTest, NonBlockingReadsFollowTheSelectFd)
     // The rows came as the scanner sent them, not in one piece at the end.
     EXPECT_GT(dataReads, 10);
     // A select fd that woke with nothing to read would make frontends spin.
-    EXPECT_LT(emptyReads, dataReads);
+    EXPECT_EQ(emptyReads, 0);
+    // At the end it stays readable, and sane_read keeps saying EOF.
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    timeval now{0, 0};
+    EXPECT_EQ(select(fd + 1, &readable, nullptr, nullptr, &now), 1);
+    SANE_Int length = -1;
+    EXPECT_EQ(api.read(h, buffer.data(), 1, &length), SANE_STATUS_EOF);
     api.close(h);
 }
 
@@ -334,23 +453,35 @@ TEST_F(SaneBackendTest, CancelFromAnotherThreadStopsTheScan)
     canceller.join();
     EXPECT_EQ(status, SANE_STATUS_CANCELLED);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
-    EXPECT_EQ(api.read(h, buffer, sizeof buffer, &length), SANE_STATUS_CANCELLED);
+    EXPECT_EQ(api.read(h, buffer, sizeof buffer, &length), SANE_STATUS_INVAL);
     EXPECT_TRUE(scanDirEmpty());
+
+    // After the frame, the parameters follow the options again.
+    SANE_Int dpi = 150;
+    char gray[] = "Gray";
+    set(h, kResolution, &dpi);
+    set(h, kMode, gray);
+    SANE_Parameters p{};
+    ASSERT_EQ(api.get_parameters(h, &p), SANE_STATUS_GOOD);
+    EXPECT_EQ(p.format, SANE_FRAME_GRAY);
+    EXPECT_EQ(p.pixels_per_line, 1275);
+    EXPECT_EQ(p.lines, 1755);
+    char color[] = "Color";
+    set(h, kMode, color);
 
     // The scanner is free again: the next scan runs to its end.
     setArea(h, {0, 0, 12.7, 12.7});
     ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
     frame.clear();
     EXPECT_EQ(readAll(h, &frame), SANE_STATUS_EOF);
-    EXPECT_EQ(frame.size(), 150u * 150u * 3u);
+    EXPECT_EQ(frame.size(), 75u * 75u * 3u);
 
-    // A frame under way is promised: its options stay; a new start abandons
-    // it, and closing in the middle of a scan neither hangs nor leaves a file.
+    // A frame under way is promised: its options stay and it cannot be
+    // started over; closing in the middle of it neither hangs nor leaves a file.
     setArea(h, {0, 0, 215.9, 297.18});
     ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
-    SANE_Int dpi = 150;
     EXPECT_EQ(set(h, kResolution, &dpi), SANE_STATUS_DEVICE_BUSY);
-    ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
+    EXPECT_EQ(api.start(h), SANE_STATUS_DEVICE_BUSY);
     EXPECT_EQ(api.read(h, buffer, sizeof buffer, &length), SANE_STATUS_GOOD);
     api.close(h);
     EXPECT_TRUE(scanDirEmpty());

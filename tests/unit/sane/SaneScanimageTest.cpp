@@ -110,6 +110,11 @@ TEST_F(SaneScanimageTest, TiffIsTheChart)
         {{"--mode", "Color", "--resolution", "300"}, false, 300, {0, 0, 215.9, 297.18}},
         {{"--mode", "Gray", "--resolution", "150", "-l", "25.4", "-t", "50.8", "-x", "76.2", "-y", "25.4"},
          true, 150, {25.4, 50.8, 101.6, 76.2}},
+        // Values off the scanner's grid or past the glass are constrained, not refused.
+        {{"--mode", "gray", "--resolution", "200", "-l", "-5", "-t", "-5", "-x", "0.1", "-y", "0.1"},
+         true, 150, {0, 0, 0.254, 0.254}},
+        {{"--mode", "col", "--resolution", "600", "-l", "200", "-t", "280", "-x", "300"},
+         false, 600, {199.898, 279.908, 215.9, 297.18}},
     };
     for (const Case& c : cases) {
         std::vector<std::string> args = {"-d", "zentary:emulator", "--format=tiff"};
