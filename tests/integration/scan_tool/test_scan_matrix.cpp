@@ -1,7 +1,9 @@
-// Every combination a user can ask for, through zentary-scan as a separate
-// process: colour and gray, three resolutions, the three transfer
-// mechanisms and the three file formats. Each image is decoded by an
-// independent decoder and compared with the emulator's chart pixel by pixel.
+// Every transfer mechanism with every file format, through zentary-scan as a
+// separate process, colour and gray in turn and each resolution a user may
+// pick at least once. Each image is decoded by an independent decoder and
+// compared with the emulator's chart pixel by pixel. Gray and colour at each
+// resolution through each mechanism are the transfer tests' matrix, through
+// the loaded data source; here the tool's own writing of what it received.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -65,9 +67,9 @@ TEST_P(ScanMatrix, ImageMatchesTheChart)
 std::vector<Case> casesFor(const char* xfer)
 {
     std::vector<Case> cases;
-    for (const char* mode : {"color", "gray"})
-        for (int dpi : {150, 300, 600})
-            for (const char* extension : {"tif", "jpg", "pct"}) cases.push_back({mode, dpi, xfer, extension});
+    const int dpis[] = {150, 300, 600};
+    const char* const extensions[] = {"tif", "jpg", "pct"};
+    for (int i = 0; i < 6; ++i) cases.push_back({i % 2 ? "gray" : "color", dpis[(i + i / 3) % 3], xfer, extensions[i % 3]});
     return cases;
 }
 
