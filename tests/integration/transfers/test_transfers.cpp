@@ -106,11 +106,12 @@ protected:
 
 TEST_F(AcquisitionTest, EveryMechanismAndFormatDeliversTheChart)
 {
-    // Both frames cross a band boundary of the chart and its grid lines.
+    // Both frames cross a band boundary of the chart and its grid lines. The
+    // tool's matrix takes every format through every mechanism in both modes
+    // and at every resolution; here each delivery once in each mode, with
+    // what only a TWAIN client sees (image information, strips, handles).
     const Setting settings[] = {
         {TWPT_GRAY, 150, Area{25, 350, 425, 600}},
-        {TWPT_RGB, 150, Area{25, 350, 425, 600}},
-        {TWPT_GRAY, 600, Area{700, 750, 800, 830}},
         {TWPT_RGB, 600, Area{700, 750, 800, 830}},
     };
     for (const Setting& setting : settings)
