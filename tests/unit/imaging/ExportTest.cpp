@@ -22,7 +22,7 @@ Bytes expectedRgb(const RawShape& shape) {
     for (int y = 0; y < shape.height; ++y)
         for (int x = 0; x < shape.width; ++x)
             for (int c = 0; c < 3; ++c)
-                rgb.push_back(test::sample(shape.pattern, x, y, shape.gray ? 0 : c, shape.width, shape.height));
+                rgb.push_back(test::sample(x, y, shape.gray ? 0 : c));
     return rgb;
 }
 
