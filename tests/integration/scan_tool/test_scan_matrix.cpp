@@ -34,6 +34,10 @@ std::string caseName(const ::testing::TestParamInfo<Case>& info)
 class ScanMatrix : public ::testing::TestWithParam<Case> {
 protected:
     test::ScratchDir mScratch;
+    // The raw scan goes to a folder of the run's own: a scan of another
+    // process in the same second must not meet its name in a shared /tmp.
+    std::filesystem::path mTmp = mScratch.path() / "tmp";
+    void SetUp() override { std::filesystem::create_directory(mTmp); }
 };
 
 TEST_P(ScanMatrix, ImageMatchesTheChart)
@@ -45,9 +49,10 @@ TEST_P(ScanMatrix, ImageMatchesTheChart)
     test::ToolRun run = test::runTool(mScratch.path(),
                                       {"--device", "emulator", "--mode", c.mode, "--resolution", std::to_string(c.dpi),
                                        "--xfer", c.xfer, "--area", area, output},
-                                      {"XDG_CONFIG_HOME=" + mScratch.path().string()});
+                                      {"XDG_CONFIG_HOME=" + mScratch.path().string(), "TMPDIR=" + mTmp.string()});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(test::strayFiles(mScratch.path(), {output}), std::vector<std::string>{});
+    EXPECT_EQ(test::strayFiles(mScratch.path(), {output, "tmp"}), std::vector<std::string>{});
+    EXPECT_EQ(test::strayFiles(mTmp), std::vector<std::string>{}) << "raw scan left behind";
 
     std::filesystem::path file = mScratch.path() / output;
     std::string ext = c.extension;
