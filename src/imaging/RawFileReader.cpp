@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "imaging/FileIo.h"
+#include "scanlib/RawFile.h"
 
 namespace zentary {
 
@@ -113,10 +114,10 @@ bool readRawScanFileHeader(RawFileHeader* header, int fromFile) {
 }
 
 // What we refuse, and why:
-// - a missing, non-regular or short file, or a bad signature;
+// - a missing, non-regular or short file, or a header the scanner library's
+//   check refuses (signature, colour type, bytes per pixel, zero sizes);
 // - bits per sample other than 8: our scanner never writes the one-bit kind,
 //   and guessing its bit order would hand the user a wrong image;
-// - bytes per pixel other than 1 (gray) and 4 (x R G B);
 // - zero or more than 32767 pixels per row or rows (pictures carry 16-bit
 //   coordinates), or a resolution of 0 or above 32767 dpi (16.16 fixed);
 // - a file without a single whole row of pixels.
@@ -128,19 +129,21 @@ std::unique_ptr<OffscreenImage> newGWorldFromRawFile(const std::string& path) {
     struct stat info;
     UniqueFd fd = openRegularFile(path, &info);
     if (!fd.valid()) return nullptr;
-    RawFileHeader header;
-    if (!readRawScanFileHeader(&header, fd.get()) || header.signature != kRawFileSignature) return nullptr;
-    if (header.bitsPerSample != 8 || (header.bytesPerPixel != 1 && header.bytesPerPixel != 4)) return nullptr;
+    RawFileHeader read;
+    RawFileInfo raw;
+    if (!preadHeader(fd.get(), &read) ||
+        !parseRawFileHeader(&read, sizeof read, static_cast<std::uint64_t>(info.st_size), &raw))
+        return nullptr;
+    const RawFileHeader& header = raw.header;
+    if (header.bitsPerSample != 8) return nullptr;
     constexpr std::uint32_t kLimit = OffscreenImage::kMaximumCoordinate;
-    if (header.pixelsPerRow == 0 || header.pixelsPerRow > kLimit || header.rows == 0 || header.rows > kLimit ||
-        header.resolution == 0 || header.resolution > kLimit)
+    if (header.pixelsPerRow > kLimit || header.rows == 0 || header.rows > kLimit || header.resolution > kLimit)
         return nullptr;
 
     const int width = static_cast<int>(header.pixelsPerRow);
     const int height = static_cast<int>(header.rows);
-    const std::size_t storedRow = static_cast<std::size_t>(header.bytesPerPixel) * header.pixelsPerRow;
-    const auto dataBytes = static_cast<std::uint64_t>(std::max<off_t>(info.st_size - kRawFileHeaderLength, 0));
-    const int rowsInFile = static_cast<int>(std::min<std::uint64_t>(dataBytes / storedRow, header.rows));
+    const auto storedRow = static_cast<std::size_t>(raw.rowBytes);
+    const int rowsInFile = static_cast<int>(raw.rowsPresent);
     if (rowsInFile == 0) return nullptr;
 
     const bool gray = header.bytesPerPixel == 1;

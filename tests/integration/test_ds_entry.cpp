@@ -146,18 +146,5 @@ TEST_F(DataSourceTest, OpenWithoutCapabilityDefinitionsFailsForLowMemory)
     EXPECT_NE(log[1].find("\"row\":1"), std::string::npos) << log[1];
 }
 
-TEST_F(DataSourceTest, UnloadingAnOpenSourceStopsItsThreads)
-{
-    int before = test::threadCount();
-    for (int round = 0; round < 2; ++round) {
-        auto source = loadSource();
-        ASSERT_EQ(source->open(), TWRC_SUCCESS);
-        // Unload without MSG_CLOSEDS, as a crashing or careless client would.
-        source->closeOnDestroy = false;
-        source.reset();
-    }
-    EXPECT_EQ(test::threadCount(), before);
-}
-
 }  // namespace
 }  // namespace zentary

@@ -16,24 +16,16 @@ using namespace twain;
 class FileSetupTest : public test::SourceTest {
 protected:
     std::unique_ptr<DataSourceManager> mSource;
-    char mName[1026] = {};
 
     void SetUp() override
     {
-        mSource = test::loadSource();
-        ASSERT_TRUE(mSource);
-        ASSERT_EQ(mSource->open(), TWRC_SUCCESS);
+        ASSERT_TRUE(mSource = openAs());
         ASSERT_EQ(test::setOneValue(*mSource, ICAP_XFERMECH, TWTY_UINT16, TWSX_FILE2), TWRC_SUCCESS);
     }
-
     TW_UINT16 call2(TW_UINT16 message, const std::string& name = "", TW_UINT16 format = TWFF_TIFF)
     {
-        std::memset(mName, 0, sizeof(mName));
-        std::memcpy(mName, name.data(), std::min(name.size(), sizeof(mName) - 1));
-        mRecord = {mName, TWTY_STR1024, format, 7, 9};
-        return mSource->call(DG_CONTROL, DAT_SETUPFILEXFER2, message, &mRecord);
+        return setupFile(*mSource, message, name, format);
     }
-    TW_SETUPFILEXFER2 mRecord{};
     std::string path(const char* name) const { return scratch(name).string(); }
 };
 
@@ -42,9 +34,9 @@ TEST_F(FileSetupTest, TheDefaultTargetIsInTheTemporaryFolder)
     for (TW_UINT16 message : {MSG_GET, MSG_GETDEFAULT}) {
         ASSERT_EQ(call2(message), TWRC_SUCCESS);
         EXPECT_EQ(std::string(mName), path("ZentaryScan.tmp"));
-        EXPECT_EQ(test::value(mRecord.Format), TWFF_TIFF);
-        EXPECT_EQ(test::value(mRecord.VRefNum), 0);
-        EXPECT_EQ(test::value(mRecord.ParID), 0u);
+        EXPECT_EQ(test::value(mFile.Format), TWFF_TIFF);
+        EXPECT_EQ(test::value(mFile.VRefNum), 0);
+        EXPECT_EQ(test::value(mFile.ParID), 0u);
         TW_SETUPFILEXFER shortForm{};
         ASSERT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, message, &shortForm), TWRC_SUCCESS);
         EXPECT_EQ(std::string(shortForm.FileName), path("ZentaryScan.tmp"));
@@ -78,7 +70,7 @@ TEST_F(FileSetupTest, SettingATargetCreatesOrEmptiesIt)
         EXPECT_EQ(mSource->conditionCode(), c.code) << c.what;
         ASSERT_EQ(call2(MSG_GET), TWRC_SUCCESS) << c.what;
         EXPECT_EQ(std::string(mName), c.reported) << c.what;
-        EXPECT_EQ(test::value(mRecord.Format), c.reportedFormat) << c.what;
+        EXPECT_EQ(test::value(mFile.Format), c.reportedFormat) << c.what;
     }
     EXPECT_EQ(std::filesystem::file_size(path("new.tif")), 0u);
     EXPECT_EQ(std::filesystem::file_size(path("full.tif")), 0u);

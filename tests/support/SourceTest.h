@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 
 #include "support/Triplets.h"
@@ -35,7 +37,29 @@ protected:
     ScopedEnv mFreeSpace{"ZENTARY_FAKE_FREE_SPACE", std::nullopt};
     ScopedEnv mNative{"ZENTARY_NATIVE", std::nullopt};
 
+    char mName[1026] = {};  // the file name a DAT_SETUPFILEXFER2 record points at
+    TW_SETUPFILEXFER2 mFile{};
+
     std::filesystem::path scratch(const std::string& name) const { return mScratch.path() / name; }
+    // Loaded and opened as the named client would; null when it does not load.
+    std::unique_ptr<DataSourceManager> openAs(const char* manufacturer = "GIMP", const char* product = "gimp")
+    {
+        auto source = loadSource();
+        if (!source) return nullptr;
+        std::strncpy(source->application().Manufacturer, manufacturer, 33);
+        std::strncpy(source->application().ProductName, product, 33);
+        EXPECT_EQ(source->open(), twain::TWRC_SUCCESS) << source->conditionCode();
+        return source;
+    }
+    // DAT_SETUPFILEXFER2 with `message`, naming `path`; the record is left in mFile.
+    TW_UINT16 setupFile(DataSourceManager& source, TW_UINT16 message, const std::string& path = "",
+                        TW_UINT16 format = twain::TWFF_TIFF)
+    {
+        std::memset(mName, 0, sizeof(mName));
+        std::memcpy(mName, path.data(), std::min(path.size(), sizeof(mName) - 1));
+        mFile = {mName, twain::TWTY_STR1024, format, 7, 9};
+        return source.call(twain::DG_CONTROL, twain::DAT_SETUPFILEXFER2, message, &mFile);
+    }
     // Files in the scratch folder whose names hold `part` (".raw", ".part").
     std::vector<std::string> filesWith(const std::string& part) const
     {

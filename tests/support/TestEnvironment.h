@@ -1,5 +1,5 @@
 // Small helpers shared by the tests: a scratch directory, scoped environment
-// variables, and reading the user-interface log.
+// variables, and writing and reading whole files.
 #pragma once
 
 #include <cstdlib>
@@ -84,6 +84,24 @@ inline std::filesystem::path dataSourcePath()
 inline std::filesystem::path bundlePath()
 {
     return buildDir() / "twain/tarvell/ZentaryQ305.bundle";
+}
+
+inline void writeFile(const std::filesystem::path& path, const std::string& bytes)
+{
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+inline std::string readFile(const std::filesystem::path& path)
+{
+    std::stringstream buffer;
+    buffer << std::ifstream(path, std::ios::binary).rdbuf();
+    return buffer.str();
+}
+
+inline std::string xmlPlist(const std::string& body)
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" + body + "\n</plist>\n";
 }
 
 inline std::vector<std::string> readLines(const std::filesystem::path& file)

@@ -90,14 +90,11 @@ TEST_F(ScanTool, ScannerFaultsEndWithADeviceErrorAndNoFile)
         const char* fault;
         const char* says;
     } cases[] = {
+        // One fault of each kind; every fault at every point is the fault
+        // matrix's, through the loaded data source.
         {"lock-refused", "The scanner is not available."},
-        {"not-ready@20", "The scanner is not available."},
         {"settings-length", "The scanner is not available."},
-        {"bad-signature@40", "stopped sending"},
         {"short-data@40", "stopped sending"},
-        {"malformed-data@40", "stopped sending"},
-        {"stall@40", "stopped sending"},
-        {"timeout@40", "stopped sending"},
         {"disconnect@40", "stopped sending"},
     };
     for (const Case& c : cases) {

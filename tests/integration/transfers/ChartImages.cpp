@@ -192,14 +192,6 @@ std::optional<Picture> decodePict(const std::filesystem::path& file, bool withFi
     return picture;
 }
 
-Picture lumaOf(const Picture& colour)
-{
-    Picture gray{colour.width, colour.height, 1, colour.xDpi, colour.yDpi, {}};
-    for (std::size_t i = 0; i + 2 < colour.pixels.size(); i += 3)
-        gray.pixels.push_back(chart::grayOf({colour.pixels[i], colour.pixels[i + 1], colour.pixels[i + 2]}));
-    return gray;
-}
-
 ::testing::AssertionResult samePixels(const Picture& actual, const Picture& expected)
 {
     if (actual.width != expected.width || actual.height != expected.height || actual.channels != expected.channels)

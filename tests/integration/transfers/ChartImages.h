@@ -39,9 +39,6 @@ std::optional<Picture> decodeJpeg(const std::filesystem::path& file);
 // header. `withFileHeader` says whether the 512 bytes of a PICT file precede it.
 std::optional<Picture> decodePict(const std::filesystem::path& file, bool withFileHeader);
 
-// The gray a colour picture would have been scanned as.
-Picture lumaOf(const Picture& colour);
-
 void writeBytes(const std::filesystem::path& file, const void* data, std::size_t length);
 
 ::testing::AssertionResult samePixels(const Picture& actual, const Picture& expected);

@@ -65,18 +65,15 @@ inline TW_UINT16 setFrame(DataSourceManager& source, const TW_FRAME& frame)
 class TransferTest : public SourceTest {
 protected:
     std::unique_ptr<DataSourceManager> mSource;
-    char mName[1026] = {};
 
     // Opens the source as an ordinary client (or as Image Capture).
     void open(bool imageCapture = false)
     {
-        mSource = loadSource();
-        ASSERT_TRUE(mSource);
         // Kept mapped after the manager unloads it, so that the sanitizers
         // can still name the source's code in their reports.
         dlopen(dataSourcePath().c_str(), RTLD_NOW | RTLD_NODELETE);
-        if (imageCapture) std::strcpy(mSource->application().Manufacturer, "Apple Computer, Inc.");
-        ASSERT_EQ(mSource->open(), TWRC_SUCCESS);
+        mSource = imageCapture ? openAs("Apple Computer, Inc.", "Image Capture") : openAs();
+        ASSERT_TRUE(mSource);
     }
 
     // Settings, frame and target in state 4, then a scan without the dialog
@@ -112,10 +109,7 @@ protected:
 
     TW_UINT16 setupFile(const std::string& path, TW_UINT16 format)
     {
-        std::memset(mName, 0, sizeof(mName));
-        std::memcpy(mName, path.data(), std::min(path.size(), sizeof(mName) - 1));
-        TW_SETUPFILEXFER2 record{mName, TWTY_STR1024, format, 0, 0};
-        return mSource->call(DG_CONTROL, DAT_SETUPFILEXFER2, MSG_SET, &record);
+        return SourceTest::setupFile(*mSource, MSG_SET, path, format);
     }
 
     TW_IMAGEINFO imageInfo()

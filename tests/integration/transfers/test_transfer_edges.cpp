@@ -1,6 +1,8 @@
-// The corners of the image group that clients hit: memory strip geometry and
-// buffer limits, the scan frame's rules, file targets that fail at transfer
-// time, and transfers asked for twice or out of turn.
+// The image group as a TWAIN client meets it: image information, memory
+// strip geometry and buffer limits, the scan frame's rules, file targets
+// that fail at transfer time, and transfers asked for twice or out of turn.
+// Every mechanism and format is checked against the chart end to end by the
+// scan tool's matrix; what only a client of the source sees is checked here.
 #include <fstream>
 
 #include "TransferSession.h"
@@ -82,6 +84,13 @@ TEST_F(TransferEdgeTest, MemoryStripsCarryWholePaddedRowsWithinTheAnnouncedBuffe
                                             [&] { area = scannedArea(); }));
         TW_IMAGEINFO info = imageInfo();
         ASSERT_EQ(std::uint32_t(info.ImageWidth), c.width);
+        const bool rgb = c.pixelType == TWPT_RGB;
+        EXPECT_EQ(std::uint32_t(info.ImageLength), scanPixels(area.height, 150));
+        EXPECT_TRUE(info.XResolution.Whole == 150 && info.YResolution.Whole == 150 && info.XResolution.Frac == 0);
+        EXPECT_EQ(info.PixelType, TW_INT16(c.pixelType));
+        EXPECT_EQ(info.SamplesPerPixel, rgb ? 3 : 1);
+        EXPECT_EQ(info.BitsPerPixel, rgb ? 24 : 8);
+        EXPECT_EQ(info.Planar, 0);
         TW_SETUPMEMXFER sizes{};
         ASSERT_EQ(mSource->call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes), TWRC_SUCCESS);
         EXPECT_EQ(TW_UINT32(sizes.MinBufSize), c.bytesPerRow);

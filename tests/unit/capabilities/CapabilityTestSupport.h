@@ -1,12 +1,9 @@
 // Client-side containers and definition files for the capability tests.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <cstdlib>
 #include <string>
@@ -14,6 +11,7 @@
 
 #include "capabilities/Capabilities.h"
 #include "capabilities/ContainerCodec.h"
+#include "support/TestEnvironment.h"
 #include "twain/Manager.h"
 
 namespace zentary::test {
@@ -174,20 +172,16 @@ class TempModel {
 public:
     explicit TempModel(const std::string& dictBody)
     {
-        char pattern[] = "/tmp/zentary-caps-XXXXXX";
-        mDir = mkdtemp(pattern);
-        std::ofstream(mDir / "Test_Model.plist") << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">"
-                                                 << dictBody << "</plist>\n";
+        writeFile(mDir.path() / "Test_Model.plist", "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" +
+                                                        dictBody + "</plist>\n");
     }
-    ~TempModel() { std::filesystem::remove_all(mDir); }
     std::unique_ptr<Capabilities> load(std::string* error = nullptr, bool readiris = false) const
     {
-        return Capabilities::initWithModel("Test Model", readiris, mDir, error);
+        return Capabilities::initWithModel("Test Model", readiris, mDir.path(), error);
     }
-    const std::filesystem::path& dir() const { return mDir; }
 
 private:
-    std::filesystem::path mDir;
+    ScratchDir mDir;
 };
 
 // One record of a hand-made file; `values`/`entries` are plist fragments.

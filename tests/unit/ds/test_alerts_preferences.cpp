@@ -89,15 +89,6 @@ TEST_F(AlertsTest, NothingIsShownOutsideTheTableOrWithoutTheBundle)
     EXPECT_EQ(DSAlerts::displaySystemModalMessage(11), 1000);
 }
 
-TEST_F(AlertsTest, HeadlessAlertsAnswerWithTheDefaultButtonAndAreLogged)
-{
-    EXPECT_EQ(DSAlerts::displayMessage(7), 1000);
-    auto lines = test::readLines(mScratch.path() / "ui.log");
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find("\"row\":7"), std::string::npos) << lines[0];
-    EXPECT_NE(lines[0].find("There is not enough available disk space for this scan."), std::string::npos);
-}
-
 class PreferencesTest : public ::testing::Test {
 protected:
     ScratchDir mScratch;
@@ -130,15 +121,6 @@ TEST_F(PreferencesTest, UnreadableValuesGiveTheDefaults)
     }
     std::ofstream(file()) << "garbage, not a property list";
     EXPECT_EQ(DSPreferences::resolutionPreference(), 300);
-}
-
-TEST_F(PreferencesTest, ChoicesAreWrittenThroughAtOnce)
-{
-    EXPECT_TRUE(DSPreferences::setImageTypePreference(2));
-    EXPECT_TRUE(DSPreferences::setResolutionPreference(1200));
-    EXPECT_TRUE(std::filesystem::exists(file()));
-    EXPECT_EQ(DSPreferences::imageTypePreference(), 2);
-    EXPECT_EQ(DSPreferences::resolutionPreference(), 1200);
 }
 
 }  // namespace

@@ -95,40 +95,6 @@ TEST_F(EngineTest, StartsFromTheRememberedImageTypeAndResolution)
     }
 }
 
-TEST_F(EngineTest, OpensWithTheWholeGlassAndTheDefaultTransferFile)
-{
-    ScopedEnv tmp("TMPDIR", mScratch.path().string());
-    auto engine = open("GIMP", "gimp");
-    ASSERT_TRUE(engine);
-    const TW_FRAME& frame = engine->imageLayout().Frame;
-    EXPECT_EQ(test::value(frame.Left.Whole), 0);
-    EXPECT_EQ(test::value(frame.Top.Whole), 0);
-    EXPECT_EQ(test::value(frame.Right.Whole), 8);  // 8.5 x 11.7 inches
-    EXPECT_EQ(test::value(frame.Right.Frac), 0x8000);
-    EXPECT_EQ(test::value(frame.Bottom.Whole), 11);
-    EXPECT_EQ(test::value(engine->imageLayout().FrameNumber), 1u);
-    for (const TW_SETUPFILEXFER2* file : {&engine->file(), &engine->defaultFile()}) {
-        EXPECT_STREQ(static_cast<const char*>(file->FileName),
-                     (mScratch.path() / "ZentaryScan.tmp").string().c_str());
-        EXPECT_EQ(test::value(file->FileNameType), TWTY_STR1024);
-        EXPECT_EQ(test::value(file->Format), TWFF_TIFF);
-    }
-    EXPECT_NE(test::value(engine->file().FileName), test::value(engine->defaultFile().FileName));
-}
-
-TEST_F(EngineTest, OnlyOneEngineExistsAtATime)
-{
-    auto first = open("GIMP", "gimp");
-    ASSERT_TRUE(first);
-    TW_IDENTITY client{}, source{};
-    TW_UINT16 code = 0;
-    EXPECT_FALSE(DataSourceEngine::initWithOrigin(&client, &source, &code));
-    first.reset();
-    EXPECT_TRUE(DataSourceEngine::initWithOrigin(&client, &source, &code));
-    EXPECT_FALSE(DataSourceEngine::initWithOrigin(nullptr, &source, &code));
-    EXPECT_EQ(code, TWCC_BUMMER);
-}
-
 void writeInfoPlist(const std::filesystem::path& bundle, const std::string& entries)
 {
     std::filesystem::create_directories(bundle);

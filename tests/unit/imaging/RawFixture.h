@@ -1,7 +1,6 @@
 // Raw scan files made from synthetic patterns, in a scratch directory.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -14,16 +13,10 @@
 
 namespace zentary::test {
 
-enum class Pattern { Blocky, Smooth };
-
-// Sample c (0 red, 1 green, 2 blue; gray uses 0) of pixel (x, y). Blocky has
-// runs of four equal bytes and sharp steps, to exercise both kinds of
-// PackBits packet; Smooth is what a photograph looks like to JPEG.
-inline std::uint8_t sample(Pattern pattern, int x, int y, int c, int width, int height) {
-    if (pattern == Pattern::Blocky) return static_cast<std::uint8_t>((x / 4) * 16 + y * 8 + c * 40);
-    return static_cast<std::uint8_t>((c == 0 ? x * 255 / std::max(width - 1, 1)
-                                      : c == 1 ? y * 255 / std::max(height - 1, 1)
-                                               : (x + y) * 255 / std::max(width + height - 2, 1)));
+// Sample c (0 red, 1 green, 2 blue; gray uses 0) of pixel (x, y): runs of
+// four equal bytes and sharp steps, to exercise both kinds of PackBits packet.
+inline std::uint8_t sample(int x, int y, int c) {
+    return static_cast<std::uint8_t>((x / 4) * 16 + y * 8 + c * 40);
 }
 
 struct RawShape {
@@ -31,7 +24,6 @@ struct RawShape {
     int height;
     bool gray;
     std::uint32_t dpi = 300;
-    Pattern pattern = Pattern::Blocky;
 };
 
 inline RawFileHeader rawHeader(const RawShape& shape) {
@@ -46,11 +38,11 @@ inline std::vector<std::uint8_t> rawPixels(const RawShape& shape) {
     for (int y = 0; y < shape.height; ++y)
         for (int x = 0; x < shape.width; ++x) {
             if (shape.gray) {
-                bytes.push_back(sample(shape.pattern, x, y, 0, shape.width, shape.height));
+                bytes.push_back(sample(x, y, 0));
                 continue;
             }
             bytes.push_back(0x5A);
-            for (int c = 0; c < 3; ++c) bytes.push_back(sample(shape.pattern, x, y, c, shape.width, shape.height));
+            for (int c = 0; c < 3; ++c) bytes.push_back(sample(x, y, c));
         }
     return bytes;
 }

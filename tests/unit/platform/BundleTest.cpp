@@ -3,13 +3,15 @@
 
 #include "platform/Bundle.h"
 #include "platform/StringsTable.h"
-#include "TestSupport.h"
+#include <gtest/gtest.h>
+
+#include "support/TestEnvironment.h"
 
 namespace zentary {
 namespace {
 
 using test::ScopedEnv;
-using test::TempDir;
+using test::ScratchDir;
 using test::writeFile;
 using Table = std::map<std::string, std::string>;
 
@@ -38,7 +40,7 @@ TEST(Bundle, FoundThroughEnvironmentOnlyWithItsIdentifier)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.info.value_or("(no file)"));
-        TempDir dir;
+        ScratchDir dir;
         if (c.info) writeFile(dir.path() / "Info.plist", *c.info);
         ScopedEnv env("ZENTARY_BUNDLE", dir.path().string());
         auto bundle = Bundle::withIdentifier(kIdentifier);
@@ -98,7 +100,7 @@ TEST(StringsTable, Parses)
 
 TEST(Bundle, LocalizedStringFollowsLanguageThenEnglishThenKey)
 {
-    TempDir dir;
+    ScratchDir dir;
     writeFile(dir.path() / "Info.plist", infoPlist(kIdentifier));
     writeFile(dir.path() / "Resources/en.lproj/Localizable.strings", "\"Ok\" = \"OK\"; \"Only\" = \"english\";");
     writeFile(dir.path() / "Resources/de.lproj/Localizable.strings", "\"Ok\" = \"Gut\";");

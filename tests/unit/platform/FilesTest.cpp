@@ -3,17 +3,19 @@
 #include <sys/stat.h>
 
 #include "platform/Files.h"
-#include "TestSupport.h"
+#include <gtest/gtest.h>
+
+#include "support/TestEnvironment.h"
 
 namespace zentary {
 namespace {
 
 using test::ScopedEnv;
-using test::TempDir;
+using test::ScratchDir;
 
 TEST(Files, TemporaryDirectoryFromTmpdir)
 {
-    TempDir dir;
+    ScratchDir dir;
     test::writeFile(dir.path() / "plain", "x");
     const std::pair<std::optional<std::string>, std::filesystem::path> cases[] = {
         {dir.path().string(), dir.path()},  {(dir.path() / "missing").string(), "/tmp"},
@@ -23,24 +25,6 @@ TEST(Files, TemporaryDirectoryFromTmpdir)
         ScopedEnv env("TMPDIR", tmpdir);
         EXPECT_EQ(files::temporaryDirectory(), expected) << tmpdir.value_or("(unset)");
     }
-}
-
-TEST(Files, FreeSpaceCanBeFaked)
-{
-    ScopedEnv unset("ZENTARY_FAKE_FREE_SPACE", std::nullopt);
-    auto real = files::freeSpace("/");
-    ASSERT_TRUE(real);
-    EXPECT_EQ(files::freeSpace("/no/such/directory"), std::nullopt);
-    files::setFakeFreeSpace(1234);
-    {
-        ScopedEnv env("ZENTARY_FAKE_FREE_SPACE", "99");
-        EXPECT_EQ(files::freeSpace("/"), 1234u);  // the seam wins over the environment
-    }
-    files::setFakeFreeSpace(std::nullopt);
-    ScopedEnv env("ZENTARY_FAKE_FREE_SPACE", "5000");
-    EXPECT_EQ(files::freeSpace("/"), 5000u);
-    ::setenv("ZENTARY_FAKE_FREE_SPACE", "12abc", 1);  // malformed: the real answer
-    EXPECT_NE(files::freeSpace("/"), 12u);
 }
 
 TEST(Files, SystemVersionFromRelease)
@@ -58,7 +42,7 @@ TEST(Files, SystemVersionFromRelease)
 
 TEST(Files, CreateExclusiveMakesOnlyNewPrivateFiles)
 {
-    TempDir dir;
+    ScratchDir dir;
     auto path = dir.path() / "scan.raw";
     int number;
     {

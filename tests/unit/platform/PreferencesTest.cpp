@@ -5,21 +5,23 @@
 #include <plist/plist.h>
 
 #include "platform/Preferences.h"
-#include "TestSupport.h"
+#include <gtest/gtest.h>
+
+#include "support/TestEnvironment.h"
 
 namespace zentary {
 namespace {
 
 using test::readFile;
 using test::ScopedEnv;
-using test::TempDir;
+using test::ScratchDir;
 using test::writeFile;
 
 const std::string kDomain = "com.tarvell.zentaryQ300.scands";
 
 class PreferencesTest : public ::testing::Test {
 protected:
-    TempDir mDir;
+    ScratchDir mDir;
     ScopedEnv mConfig{"XDG_CONFIG_HOME", mDir.path().string()};
     std::filesystem::path mFile = mDir.path() / (kDomain + ".plist");
     std::filesystem::path mAside = mDir.path() / (kDomain + ".plist.corrupt");
@@ -113,7 +115,7 @@ TEST_F(PreferencesTest, SymlinkInPlaceOfTheFileIsReplacedNotFollowed)
 
 TEST(Preferences, FailedWriteReturnsFalseAndChangesNothing)
 {
-    TempDir dir;
+    ScratchDir dir;
     writeFile(dir.path() / "file", "x");
     {
         // A configuration directory below a regular file can never be made.

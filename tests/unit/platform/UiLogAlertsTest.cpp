@@ -1,25 +1,18 @@
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "platform/Alerts.h"
 #include "platform/UiLog.h"
-#include "TestSupport.h"
+#include <gtest/gtest.h>
+
+#include "support/TestEnvironment.h"
 
 namespace zentary {
 namespace {
 
 using test::ScopedEnv;
-using test::TempDir;
-
-std::vector<std::string> logLines(const std::filesystem::path& path)
-{
-    std::vector<std::string> out;
-    std::istringstream in(test::readFile(path));
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
+using test::ScratchDir;
 
 TEST(UiLog, EscapesStrings)
 {
@@ -45,7 +38,7 @@ TEST(UiLog, EscapesStrings)
 
 TEST(UiLog, OneWholeLinePerEventFromConcurrentWriters)
 {
-    TempDir dir;
+    ScratchDir dir;
     auto log = dir.path() / "ui.log";
     {
         ScopedEnv unset("ZENTARY_UI_LOG", std::nullopt);
@@ -63,7 +56,7 @@ TEST(UiLog, OneWholeLinePerEventFromConcurrentWriters)
     for (auto& thread : threads) thread.join();
     std::set<std::string> expected;
     for (int t = 0; t < 4; ++t) expected.insert(event(t).str());
-    auto lines = logLines(log);
+    auto lines = test::readLines(log);
     ASSERT_EQ(lines.size(), 800u);
     for (const auto& line : lines) ASSERT_TRUE(expected.count(line)) << line.substr(0, 80);
 }
@@ -81,7 +74,7 @@ struct FixedPresenter : AlertPresenter {
 
 TEST(Alerts, AnswersAndLogsEveryAlert)
 {
-    TempDir dir;
+    ScratchDir dir;
     ScopedEnv env("ZENTARY_UI_LOG", (dir.path() / "ui.log").string());
     const AlertRequest three{5, "Changes?", "", {"Apply", "Cancel", "Discard"}, false};
     const AlertRequest one{8, "Could not acquire the scanned image", "Please scan again at a lower resolution.",
@@ -105,7 +98,7 @@ TEST(Alerts, AnswersAndLogsEveryAlert)
         EXPECT_EQ(alerts::show(c.request), c.answer) << c.request.row;
         EXPECT_EQ(c.presenter ? c.presenter->calls : 0, c.calls);
     }
-    auto lines = logLines(dir.path() / "ui.log");
+    auto lines = test::readLines(dir.path() / "ui.log");
     ASSERT_EQ(lines.size(), 6u);
     EXPECT_EQ(lines[0], R"({"event":"alert","row":5,"message":"Changes?","informative":"",)"
                         R"("buttons":["Apply","Cancel","Discard"],"modal":"application","answer":1000})");

@@ -22,16 +22,6 @@ Wire openWire(std::uint16_t inSize = 64)
     return {raw, std::move(interface)};
 }
 
-TEST(PacketCodec, HeaderIsBigEndianWithSignature)
-{
-    ScanHeader header;
-    PacketUtils::initScanHeader(&header, kScanMsgSetSettings);
-    std::vector<std::uint8_t> expected = words({0x41535001, 7, 0, 0, 0, 0, 0, 0});
-    EXPECT_EQ(0, std::memcmp(&header, expected.data(), 32));
-    PacketUtils::convertScanHeaderToHost(&header);
-    EXPECT_EQ(header.message, 7u);
-}
-
 TEST(PacketCodec, BareCommandReplies)
 {
     struct Case {
@@ -108,13 +98,6 @@ TEST(PacketCodec, SettingsPayloads)
         EXPECT_EQ(PacketUtils::sendPacketToInterface(wire.interface.get(), kScanMsgCheckReady, &status), 0);
         EXPECT_EQ(status, 0u);
     }
-}
-
-TEST(PacketCodec, UsbResultMapping)
-{
-    const std::pair<int, int> table[] = {{0, 0},    {1, 1003}, {2, 1001}, {3, 1005}, {4, 1006},
-                                         {5, 1001}, {6, 1011}, {7, 1003}, {99, 1003}};
-    for (auto [usb, expected] : table) EXPECT_EQ(ScanLibError::mapUSBInterfaceError(usb, 1003), expected) << usb;
 }
 
 TEST(UsbReadBuffering, WholePacketsOnTheWireLeftoversBuffered)
