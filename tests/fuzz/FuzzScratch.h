@@ -13,17 +13,22 @@ namespace zentary::fuzz {
 
 inline const std::filesystem::path& scratchDirectory()
 {
-    static const std::filesystem::path dir = [] {
+    // Never destroyed: the removal at exit runs after static destructors
+    // of objects made later than its registration, and still needs the name.
+    static const std::filesystem::path* const dir = [] {
         const char* tmp = std::getenv("TMPDIR");
         std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/zentary-fuzz-XXXXXX";
         if (!::mkdtemp(pattern.data())) std::abort();
-        std::atexit([] {
-            std::error_code ignored;
-            std::filesystem::remove_all(scratchDirectory(), ignored);
-        });
-        return std::filesystem::path(pattern);
+        return new std::filesystem::path(pattern);
     }();
-    return dir;
+    static const bool removedAtExit = [] {
+        return std::atexit([] {
+            std::error_code ignored;
+            std::filesystem::remove_all(*dir, ignored);
+        }) == 0;
+    }();
+    (void)removedAtExit;
+    return *dir;
 }
 
 }  // namespace zentary::fuzz
