@@ -282,6 +282,7 @@ TEST_F(ClientFuzz, RandomTripletSequencesNeverCrashHangOrReachAnImpossibleState)
         std::strncpy(source->application().Manufacturer, client[0], 33);
         std::strncpy(source->application().ProductName, client[1], 33);
         const bool reenters = g.chance(50);
+        const long callbacksBefore = callbacks.callbacks;
         if (reenters) callbacks.start();
         // Cancel in the dialog brings MSG_CLOSEDSREQ at once, a scan
         // MSG_XFERREADY half a second later.
@@ -289,7 +290,6 @@ TEST_F(ClientFuzz, RandomTripletSequencesNeverCrashHangOrReachAnImpossibleState)
         test::ScopedEnv uiEnv("ZENTARY_UI", ui.mode);
         // Waits for scans to end, to reach the transfer states and the callbacks.
         bool patient = g.chance(reenters ? 30 : 5);
-        const long callbacksBefore = callbacks.callbacks;
         if (trace)
             std::fprintf(stderr, "sequence %d: client %s, %s%s%s\n", sequence, client[1], ui.mode.c_str(),
                          patient ? ", patient" : "", reenters ? ", re-entering callbacks" : "");
