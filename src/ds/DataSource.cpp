@@ -2,8 +2,6 @@
 // request runs on the data source's loop thread.
 #include "ds/DataSource.h"
 
-#include <memory>
-
 #include "ds/DSIdentity.h"
 #include "ds/DataSourceEngine.h"
 #include "ds/DataSourceThreads.h"
@@ -18,16 +16,13 @@ TW_UINT16 entry(TW_IDENTITY* origin, TW_UINT32 group, TW_UINT16 type, TW_UINT16 
         if (data) fillIdentity(*static_cast<TW_IDENTITY*>(data));
         return TWRC_SUCCESS;
     }
-    DataSourceThreads& threads = DataSourceThreads::instance();
-    std::shared_ptr<LoopThread> loop = threads.acquireLoop();
     // Outermost: a triplet never starts while the engine is in the middle
-    // of another operation that waits for the scan thread.
-    TW_UINT16 rc = callOn(
-        loop->loop(),
+    // of another operation that waits for the scan thread. A client calling
+    // back from inside our callback on the loop thread runs inline.
+    return callOn(
+        DataSourceThreads::instance().loop(),
         [&] { return DataSourceEngine::processOperationTriplet(origin, group, type, message, data); },
         RunLoop::Nesting::Outermost);
-    threads.releaseLoopIfIdle(loop);
-    return rc;
 }
 
 }  // namespace zentary

@@ -119,6 +119,12 @@ void DataSourceEngine::endTransfer()
     if (mClientIsImageCapture) {
         cancelTimer(mImageCaptureMultipleScanTimer);
         mImageCaptureMultipleScanTimer = schedule(kRedisplayDelay, [this] { redisplayDataSourceDialog(); });
+    } else if (mEnabledWithDialog) {
+        // The dialog closed when the scan started and does not come back:
+        // without a close request the client would wait in state 5 with
+        // nothing on screen. It goes out as after Cancel, once the client
+        // has had the same 0.25 s to disable on its own (which cancels it).
+        schedule(kRedisplayDelay, [this] { requestClose(); });
     }
 }
 
@@ -179,6 +185,8 @@ TW_UINT16 DataSourceEngine::enable(TW_USERINTERFACE& info, TW_UINT16* conditionC
         DSAlerts::displayMessage(3);
         return failWith(conditionCode, TWCC_OPERATIONERROR);
     }
+    mSessionToken = std::make_shared<int>(0);
+    mEnabledWithDialog = info.ShowUI == 1;
     if (info.ShowUI == 1) {
         info.ModalUI = 0;  // the dialog is a modeless window
         mState = kStateEnabled;
@@ -192,6 +200,7 @@ TW_UINT16 DataSourceEngine::enable(TW_USERINTERFACE& info, TW_UINT16* conditionC
         // Closing the session keeps a later MSG_ENABLEDS from finding it
         // open and failing for that reason alone.
         mScanner->closeSession();
+        mSessionToken.reset();
         return failWith(conditionCode, TWCC_OPERATIONERROR);
     }
     std::optional<CapabilityValue> indicators = mCapabilities->currentValue(CAP_INDICATORS);
@@ -206,6 +215,7 @@ void DataSourceEngine::disable()
     // Whatever the enabled session had under way ends here: a retry, the
     // announcement of a scan that just completed, the Image Capture timer.
     // The scan they belong to is gone, and so is its raw file.
+    mSessionToken.reset();
     cancelAllTimers();
     stopObservingScans();
     if (mDialog)

@@ -37,6 +37,10 @@ std::mutex gEngineMutex;
 DataSourceEngine* gEngine = nullptr;
 TW_UINT16 gConditionCode = TWCC_SUCCESS;
 bool gEngineAllocated = false;  // refuses a second instance, whoever asks
+// Engine operations under way on the loop thread, and the engines closed
+// during them, waiting for the outermost one to end.
+int gOperations = 0;
+std::vector<std::unique_ptr<DataSourceEngine>> gClosedEngines;
 
 
 void setCode(TW_UINT16* conditionCode, TW_UINT16 code)
@@ -62,19 +66,37 @@ TW_UINT16 DataSourceEngine::conditionCode()
     return gConditionCode;
 }
 
+DataSourceEngine::Operation::Operation()
+{
+    ++gOperations;
+}
+
+DataSourceEngine::Operation::~Operation()
+{
+    if (--gOperations > 0) return;
+    // Nothing a closed engine does on its way out opens another one.
+    std::vector<std::unique_ptr<DataSourceEngine>> closed = std::move(gClosedEngines);
+    gClosedEngines.clear();
+}
+
 void DataSourceEngine::destroyOrphan()
 {
+    Operation operation;
     std::unique_ptr<DataSourceEngine> engine;
     {
         std::lock_guard<std::mutex> guard(gEngineMutex);
         engine.reset(gEngine);
         gEngine = nullptr;
     }
+    if (!engine) return;
+    engine->close();
+    gClosedEngines.push_back(std::move(engine));
 }
 
 TW_UINT16 DataSourceEngine::processOperationTriplet(TW_IDENTITY* origin, TW_UINT32 group, TW_UINT16 type,
                                                     TW_UINT16 message, TW_MEMREF data)
 {
+    Operation operation;
     TW_UINT16 rc = TWRC_SUCCESS;
     auto fail = [&rc](TW_UINT16 code) {
         gConditionCode = code;
@@ -142,17 +164,28 @@ DataSourceEngine::DataSourceEngine()
 
 DataSourceEngine::~DataSourceEngine()
 {
-    // Nothing may reach the engine once it is gone: no notification, no
-    // timer. Observers go first, since closing a running session delivers
-    // the end of its scan while it waits.
+    close();
+    mScanner.reset();
+    mCapabilities.reset();
+}
+
+void DataSourceEngine::close()
+{
+    if (mClosed) return;
+    mClosed = true;
+    // Nothing may reach the engine once it is closed: no notification, no
+    // timer, no late message. Observers go first, since closing a running
+    // session delivers the end of its scan while it waits.
+    mSessionToken.reset();
     stopObservingScans();
     cancelAllTimers();
     stopUserInterface();
     if (mScanner) mScanner->closeSession();
-    mScanner.reset();
     // A scan that was never transferred leaves no temporary file behind.
     deleteImageFile();
-    mCapabilities.reset();
+    mState = 0;
+    // The source may be opened again at once, even while this one waits
+    // for the operations on the stack to end.
     gEngineAllocated = false;
 }
 

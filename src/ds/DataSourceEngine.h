@@ -42,9 +42,23 @@ public:
                                              TW_UINT16 message, TW_MEMREF data);
     // True while an engine exists (a session is open).
     static bool exists();
-    // Destroys the engine, if any, without a triplet: the library is being
-    // unloaded while a client still had the source open.
+    // Closes the engine, if any: MSG_CLOSEDS, or the library being unloaded
+    // while a client still had the source open.
     static void destroyOrphan();
+
+    // Every engine operation the loop starts (a triplet, a timer, a scan
+    // notification) runs inside one. An operation may call out to the
+    // client, which may close the source from inside its callback: the
+    // engine is then torn down at once, but its memory is freed only when
+    // the outermost operation has ended, so that no frame still on the
+    // stack ever touches a freed engine. Loop thread only.
+    class Operation {
+    public:
+        Operation();
+        ~Operation();
+        Operation(const Operation&) = delete;
+        Operation& operator=(const Operation&) = delete;
+    };
     // The condition code DAT_STATUS would report now.
     static TW_UINT16 conditionCode();
 
@@ -85,9 +99,15 @@ public:
     std::optional<std::string> imageFile() const { return mImageFile; }
     bool dialogShown() const { return mDialog != nullptr; }
     bool progressShown() const { return mProgressDialog != nullptr; }
+    // True once MSG_CLOSEDS has torn the engine down; whatever was under
+    // way stops at its next step.
+    bool closed() const { return mClosed; }
 
 private:
     DataSourceEngine();
+    // Ends everything the session holds (observers, timers, windows, the
+    // scanner session, the raw file); idempotent.
+    void close();
 
     // Control group.
     TW_UINT16 capability(TW_UINT16 message, TW_CAPABILITY* cap, TW_UINT16* conditionCode);
@@ -151,6 +171,13 @@ private:
     TW_IDENTITY mApplication{};
     TW_IDENTITY mSource{};
     std::int32_t mState = 0;
+    bool mClosed = false;
+    // Enabled with ShowUI: the dialog closed when the scan started, and only
+    // Image Capture's comes back.
+    bool mEnabledWithDialog = false;
+    // Lives from MSG_ENABLEDS to MSG_DISABLEDS or MSG_CLOSEDS; a message to
+    // the client still waiting in the messenger when it is gone is dropped.
+    std::shared_ptr<int> mSessionToken;
     std::unique_ptr<Capabilities> mCapabilities;
     std::unique_ptr<ScanDevice> mScanner;
     std::optional<std::string> mImageFile;

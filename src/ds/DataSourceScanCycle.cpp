@@ -54,14 +54,16 @@ std::optional<std::string> rawFilePath()
 
 RunLoop::TimerId DataSourceEngine::schedule(std::chrono::milliseconds delay, std::function<void()> task)
 {
-    // Timers fire on this loop, the engine's own thread; the destructor,
-    // which runs there too, cancels every one still pending. An engine made
-    // outside any loop (a unit test) has no timers.
-    if (!mLoop) return 0;
+    // Timers fire on this loop, the engine's own thread; closing the
+    // engine, which happens there too, cancels every one still pending, and
+    // a closed engine starts none. An engine made outside any loop (a unit
+    // test) has no timers.
+    if (!mLoop || mClosed) return 0;
     auto id = std::make_shared<RunLoop::TimerId>(0);
     *id = mLoop->schedule(
         delay,
         [this, id, task = std::move(task)] {
+            Operation operation;
             mTimers.erase(*id);
             task();
         },
@@ -114,8 +116,14 @@ bool DataSourceEngine::prepareForScan()
         return false;
     }
     NotificationCenter& center = NotificationCenter::defaultCenter();
-    mScanObservers.push_back(center.addObserver(kCompleted, [this] { scanNotification(true); }));
-    mScanObservers.push_back(center.addObserver(kAborted, [this] { scanNotification(false); }));
+    mScanObservers.push_back(center.addObserver(kCompleted, [this] {
+        Operation operation;
+        scanNotification(true);
+    }));
+    mScanObservers.push_back(center.addObserver(kAborted, [this] {
+        Operation operation;
+        scanNotification(false);
+    }));
     return true;
 }
 
@@ -188,6 +196,9 @@ void DataSourceEngine::startTransfer()
 {
     mState = kStateTransferReady;
     sendMessageToApplication(MSG_XFERREADY);
+    // Image Capture answers on this very thread, and may have ended the
+    // session or closed the source from inside its callback.
+    if (mClosed) return;
     if (mProgressDialog) progressScanDidComplete();
 }
 
@@ -200,15 +211,22 @@ TW_UINT16 DataSourceEngine::sendMessageToApplication(TW_UINT16 message)
 {
     // Image Capture wants its messages on its own thread; every other
     // client gets them from the messenger thread, which touches nothing but
-    // copies of the two identities and the manager.
+    // copies of the two identities and the manager. Either way the client
+    // may call us back from inside its callback, up to MSG_CLOSEDS: callers
+    // look at closed() before their next step.
     if (mClientIsImageCapture)
         return Manager::send(&mSource, &mApplication, DG_CONTROL, DAT_NULL, message, nullptr);
     // Callbacks to the client leave from a thread of their own, so that a
     // client whose callback waits for its own thread, which may be inside
-    // DS_Entry waiting for our loop, cannot deadlock us.
-    DataSourceThreads::instance().messenger().post([source = mSource, application = mApplication, message]() mutable {
-        Manager::send(&source, &application, DG_CONTROL, DAT_NULL, message, nullptr);
-    });
+    // DS_Entry waiting for our loop, cannot deadlock us. A message whose
+    // session ended before the messenger got to it (the client disabled or
+    // closed the source) would only confuse the client, and is dropped.
+    DataSourceThreads::instance().messenger().post(
+        [session = std::weak_ptr<int>(mSessionToken), source = mSource, application = mApplication,
+         message]() mutable {
+            if (session.expired()) return;
+            Manager::send(&source, &application, DG_CONTROL, DAT_NULL, message, nullptr);
+        });
     return TWRC_SUCCESS;
 }
 

@@ -25,18 +25,11 @@ DataSourceThreads::DataSourceThreads()
     Manager::hasEntryPoint();
 }
 
-std::shared_ptr<LoopThread> DataSourceThreads::acquireLoop()
+RunLoop& DataSourceThreads::loop()
 {
     std::lock_guard<std::mutex> guard(mMutex);
-    if (!mLoop) mLoop = std::make_shared<LoopThread>("zentary-ds");
-    return mLoop;
-}
-
-void DataSourceThreads::releaseLoopIfIdle(const std::shared_ptr<LoopThread>& loop)
-{
-    if (loop->loop().isCurrent() || DataSourceEngine::exists()) return;
-    std::lock_guard<std::mutex> guard(mMutex);
-    if (mLoop == loop) mLoop.reset();
+    if (!mLoop) mLoop = std::make_unique<LoopThread>("zentary-ds");
+    return mLoop->loop();
 }
 
 RunLoop& DataSourceThreads::messenger()
@@ -48,7 +41,7 @@ RunLoop& DataSourceThreads::messenger()
 
 DataSourceThreads::~DataSourceThreads()
 {
-    std::shared_ptr<LoopThread> loop;
+    std::unique_ptr<LoopThread> loop;
     std::unique_ptr<LoopThread> messenger;
     {
         std::lock_guard<std::mutex> guard(mMutex);

@@ -45,9 +45,15 @@ TEST_F(ScanCycleTest, EveryClientReachesAReadyTransferAndComesBack)
     struct Case {
         Client client;
         bool showUI;
-    } cases[] = {{kGeneric, false}, {kGeneric, true}, {kReadiris, false}, {kReadiris, true}, {kImageCapture, true}};
+        bool waitsAfterTheTransfer;  // else disables at once, on its own
+    } cases[] = {{kGeneric, false, true},
+                 {kGeneric, true, true},
+                 {kReadiris, false, false},
+                 {kReadiris, true, false},
+                 {kImageCapture, true, false}};
     for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.client.product) + (c.showUI ? " with dialog" : " without dialog"));
+        SCOPED_TRACE(std::string(c.client.product) + (c.showUI ? " with dialog" : " without dialog") +
+                     (c.waitsAfterTheTransfer ? ", waiting" : ""));
         auto source = openAs(c.client.manufacturer, c.client.product);
         ASSERT_TRUE(source);
         TW_UINT16 count = 0;
@@ -79,6 +85,11 @@ TEST_F(ScanCycleTest, EveryClientReachesAReadyTransferAndComesBack)
             ASSERT_EQ(source->waitForMessage(kScanTimeout), std::optional<TW_UINT16>(MSG_XFERREADY));
             EXPECT_EQ(test::pending(*source, MSG_RESET, &count), TWRC_SUCCESS);
             EXPECT_EQ(rawFiles(), 0);
+        } else if (c.waitsAfterTheTransfer) {
+            // With the dialog gone for good, the client is asked to close.
+            std::optional<TW_UINT16> expected;
+            if (c.showUI) expected = MSG_CLOSEDSREQ;
+            EXPECT_EQ(source->waitForMessage(expected ? kScanTimeout : 500ms), expected);
         }
         EXPECT_EQ(test::disable(*source), TWRC_SUCCESS);
         EXPECT_EQ(source->close(), TWRC_SUCCESS);

@@ -66,7 +66,9 @@ int USBInterface::writeSynchronouslyFromBuffer(const std::uint8_t* buffer, std::
 
 std::uint32_t USBInterface::copyExtraDataBytes(std::uint32_t count, std::uint8_t* intoBuffer)
 {
-    if (mBytesInBuffer == 0) return 0;
+    // A packet with no pixel bytes asks for nothing, maybe into no buffer at
+    // all; memcpy must not even see that null.
+    if (mBytesInBuffer == 0 || count == 0) return 0;
     std::uint32_t n = mBytesInBuffer <= count ? mBytesInBuffer : count;
     std::memcpy(intoBuffer, mBuffer.get() + mBufferPos, n);
     mBytesInBuffer -= n;

@@ -8,25 +8,12 @@
 #include <fstream>
 
 #include "capabilities/Capabilities.h"
+#include "fuzz/FuzzScratch.h"
 #include "twain/Manager.h"
 
 namespace {
 
 using namespace zentary;
-
-struct Dir {
-    std::filesystem::path path;
-    Dir()
-    {
-        char pattern[] = "/tmp/zentary-fuzz-caps-XXXXXX";
-        if (mkdtemp(pattern)) path = pattern;
-    }
-    ~Dir()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
-};
 
 void exercise(Capabilities& store, TW_UINT16 cap)
 {
@@ -50,13 +37,13 @@ void exercise(Capabilities& store, TW_UINT16 cap)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static Dir dir;
+    const std::filesystem::path& dir = fuzz::scratchDirectory();
     {
-        std::ofstream out(dir.path / "Fuzz.plist", std::ios::binary | std::ios::trunc);
+        std::ofstream out(dir / "Fuzz.plist", std::ios::binary | std::ios::trunc);
         out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
     }
     std::string error;
-    auto store = Capabilities::initWithModel("Fuzz", false, dir.path, &error);
+    auto store = Capabilities::initWithModel("Fuzz", false, dir, &error);
     if (!store) {
         if (error.empty()) __builtin_trap();  // every refusal must say why
         return 0;

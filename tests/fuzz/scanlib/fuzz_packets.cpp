@@ -4,6 +4,8 @@
 // complete or gone.
 #include "scanlib/ScanThread.h"
 
+#include "fuzz/FuzzScratch.h"
+
 #include <cstring>
 #include <string>
 #include <unistd.h>
@@ -65,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     USBInterface interface(std::move(pipes));
     if (interface.open() != kUSBNoErr) return 0;
 
-    static const std::string path = "/tmp/fuzz_packets-" + std::to_string(::getpid()) + ".raw";
+    static const std::string path = (fuzz::scratchDirectory() / "scan.raw").string();
     ::unlink(path.c_str());
     RunLoop loop;
     Parent parent;

@@ -140,16 +140,19 @@ protected:
     std::unique_ptr<DataSourceManager> load() const { return test::loadSource(); }
 
     // Open, 150 dpi, a one-inch square frame: 150 rows of 150 pixels.
-    std::unique_ptr<DataSourceManager> openSmall() const
+    static void openSmall(DataSourceManager& source)
     {
-        auto source = load();
-        if (!source) return nullptr;
-        EXPECT_EQ(source->open(), TWRC_SUCCESS);
-        EXPECT_EQ(test::setOneValue(*source, ICAP_XRESOLUTION, TWTY_FIX32, test::fix32Item(150)), TWRC_SUCCESS);
+        EXPECT_EQ(source.open(), TWRC_SUCCESS);
+        EXPECT_EQ(test::setOneValue(source, ICAP_XRESOLUTION, TWTY_FIX32, test::fix32Item(150)), TWRC_SUCCESS);
         TW_IMAGELAYOUT layout{};
         layout.Frame = {{0, 0}, {0, 0}, {1, 0}, {1, 0}};
         layout.DocumentNumber = layout.PageNumber = layout.FrameNumber = 0xFFFFFFFF;
-        EXPECT_EQ(source->call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &layout), TWRC_SUCCESS);
+        EXPECT_EQ(source.call(DG_IMAGE, DAT_IMAGELAYOUT, MSG_SET, &layout), TWRC_SUCCESS);
+    }
+    std::unique_ptr<DataSourceManager> openSmall() const
+    {
+        auto source = load();
+        if (source) openSmall(*source);
         return source;
     }
 };

@@ -102,5 +102,54 @@ TEST_F(Regressions, OpeningRemovesRawFilesOfDeadClientsOnly)
     EXPECT_FALSE(std::filesystem::exists(mTemp.path() / held[0])) << "the killed client's scan is still there";
 }
 
+// Found by a black-box client under ASan: a client may close the source from
+// inside either callback, on whatever thread it comes (Image Capture gets it
+// on the source's own loop thread, every other client from the messenger).
+// Closing inside MSG_XFERREADY once went on using the freed engine; closing
+// inside MSG_CLOSEDSREQ while MSG_ENABLEDS was still returning once made the
+// loop thread join itself. Both race: many rounds. Each client kind is a
+// ctest entry of its own, since the rounds mostly wait out the scan cycle's
+// fixed delays.
+class ClosingFromACallback : public Regressions, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(ClosingFromACallback, EndsTheSessionCleanly)
+{
+    constexpr int kRounds = 50;
+    struct Case {
+        TW_UINT16 message;
+        const char* ui;  // the dialog presses Scan at once, or Cancel
+    } cases[] = {{MSG_XFERREADY, "headless"}, {MSG_CLOSEDSREQ, "headless-cancel"}};
+    test::ScopedEnv scanner("ZENTARY_SCANNER", this->scanner(""));
+    auto source = load();
+    ASSERT_TRUE(source);
+    std::strncpy(source->application().Manufacturer, GetParam(), 33);
+    DataSourceManager* raw = source.get();
+    for (const Case& c : cases) {
+        test::ScopedEnv ui("ZENTARY_UI", c.ui);
+        std::atomic<int> closes{0};
+        source->onMessage = [&c, &closes, raw](TW_UINT16 message) {
+            if (message == c.message && raw->close() == TWRC_SUCCESS) ++closes;
+            return TWRC_SUCCESS;
+        };
+        for (int round = 0; round < kRounds; ++round) {
+            SCOPED_TRACE("message " + std::to_string(c.message) + ", round " + std::to_string(round));
+            Watchdog watchdog("closing from a callback", 30s);
+            openSmall(*source);
+            ASSERT_EQ(test::enable(*source, true), TWRC_SUCCESS);
+            ASSERT_EQ(source->waitForMessage(20s), std::optional<TW_UINT16>(c.message));
+            ASSERT_EQ(closes.load(), round + 1);
+            ASSERT_EQ(probeState(*source), 3);
+            ASSERT_EQ(rawFiles(), std::vector<std::string>{});
+            ASSERT_FALSE(std::filesystem::exists(lockFile())) << "the scanner was left reserved";
+        }
+        source->onMessage = nullptr;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Clients, ClosingFromACallback, ::testing::Values("Apple Computer, Inc.", "Tarvell Co."),
+                         [](const ::testing::TestParamInfo<const char*>& client) {
+                             return std::string(client.param[0] == 'A' ? "OnTheLoopThread" : "FromTheMessenger");
+                         });
+
 }  // namespace
 }  // namespace zentary::reliability
