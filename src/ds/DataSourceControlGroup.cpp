@@ -103,6 +103,7 @@ TW_UINT16 DataSourceEngine::pendingTransfers(TW_UINT16 message, TW_PENDINGXFERS*
         mImageTransferState = 1;
         mState = kStateEnabled;
         transfers->Count = 0;
+        if (!mClientIsImageCapture) requestCloseWhenNoDialogReturns();
         return TWRC_SUCCESS;
     default:
         return failWith(conditionCode, TWCC_BADPROTOCOL);
@@ -119,13 +120,18 @@ void DataSourceEngine::endTransfer()
     if (mClientIsImageCapture) {
         cancelTimer(mImageCaptureMultipleScanTimer);
         mImageCaptureMultipleScanTimer = schedule(kRedisplayDelay, [this] { redisplayDataSourceDialog(); });
-    } else if (mEnabledWithDialog) {
-        // The dialog closed when the scan started and does not come back:
-        // without a close request the client would wait in state 5 with
-        // nothing on screen. It goes out as after Cancel, once the client
-        // has had the same 0.25 s to disable on its own (which cancels it).
-        schedule(kRedisplayDelay, [this] { requestClose(); });
+    } else {
+        requestCloseWhenNoDialogReturns();
     }
+}
+
+void DataSourceEngine::requestCloseWhenNoDialogReturns()
+{
+    // The dialog closed when the scan started and does not come back: without
+    // a close request the client would wait in state 5 with nothing on
+    // screen. It goes out as after Cancel, once the client has had the same
+    // 0.25 s to disable on its own (which cancels it).
+    if (mEnabledWithDialog) schedule(kRedisplayDelay, [this] { requestClose(); });
 }
 
 void DataSourceEngine::deleteImageFile()

@@ -119,6 +119,8 @@ private:
     TW_UINT16 enable(TW_USERINTERFACE& info, TW_UINT16* conditionCode);
     void disable();
     void endTransfer();
+    // After the last transfer of a session enabled with the dialog shown.
+    void requestCloseWhenNoDialogReturns();
     void deleteImageFile();
     void redisplayDataSourceDialog();
 

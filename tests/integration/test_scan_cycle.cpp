@@ -46,14 +46,16 @@ TEST_F(ScanCycleTest, EveryClientReachesAReadyTransferAndComesBack)
         Client client;
         bool showUI;
         bool waitsAfterTheTransfer;  // else disables at once, on its own
+        TW_UINT16 end = MSG_ENDXFER;  // or MSG_RESET, dropping the image
     } cases[] = {{kGeneric, false, true},
                  {kGeneric, true, true},
+                 {kGeneric, true, true, MSG_RESET},
                  {kReadiris, false, false},
                  {kReadiris, true, false},
                  {kImageCapture, true, false}};
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.client.product) + (c.showUI ? " with dialog" : " without dialog") +
-                     (c.waitsAfterTheTransfer ? ", waiting" : ""));
+                     (c.waitsAfterTheTransfer ? ", waiting" : "") + (c.end == MSG_RESET ? ", reset" : ""));
         auto source = openAs(c.client.manufacturer, c.client.product);
         ASSERT_TRUE(source);
         TW_UINT16 count = 0;
@@ -76,7 +78,7 @@ TEST_F(ScanCycleTest, EveryClientReachesAReadyTransferAndComesBack)
         EXPECT_EQ(test::value(sizes.Preferred), test::value(sizes.MaxBufSize));
         EXPECT_EQ(test::disable(*source), TWRC_FAILURE);  // the transfer must end first
 
-        EXPECT_EQ(test::pending(*source, MSG_ENDXFER, &count), TWRC_SUCCESS);
+        EXPECT_EQ(test::pending(*source, c.end, &count), TWRC_SUCCESS);
         EXPECT_EQ(count, 0);
         EXPECT_EQ(rawFiles(), 0);
         if (c.client.imageCapture) {
