@@ -188,11 +188,19 @@ struct PageImageDecoders {
         // libtiff hands out 32-bit pixels; a band of rows at a time keeps
         // that copy small whatever the picture's size.
         reader.req_orientation = ORIENTATION_TOPLEFT;
-        constexpr std::uint32_t kBand = 64;
-        std::vector<std::uint32_t> band(std::size_t(width) * kBand);
+        // libtiff decodes a whole strip for every call that touches it: a
+        // band of whole strips decodes each strip once, as long as the band
+        // stays small; a tall strip is then read in bands of 64 rows.
+        constexpr std::uint32_t kBandRows = 64;
+        constexpr std::uint64_t kLargestBand = 64u << 20;
+        std::uint32_t rowsPerStrip = 0, bandRows = kBandRows;
+        if (!TIFFIsTiled(tiff.get()) && TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_ROWSPERSTRIP, &rowsPerStrip) == 1 &&
+            rowsPerStrip > kBandRows && std::uint64_t(std::min(rowsPerStrip, height)) * width * 4 <= kLargestBand)
+            bandRows = std::min(rowsPerStrip, height);
+        std::vector<std::uint32_t> band(std::size_t(width) * bandRows);
         bool ok = true;
-        for (std::uint32_t y = 0; y < height && ok; y += kBand) {
-            std::uint32_t rows = std::min(kBand, height - y);
+        for (std::uint32_t y = 0; y < height && ok; y += bandRows) {
+            std::uint32_t rows = std::min(bandRows, height - y);
             reader.row_offset = int(y);
             ok = TIFFRGBAImageGet(&reader, band.data(), width, rows) == 1;
             for (std::uint32_t r = 0; r < rows && ok; ++r)
