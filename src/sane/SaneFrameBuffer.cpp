@@ -40,7 +40,7 @@ void SaneFrameBuffer::reset(bool gray)
     mRing.clear();
     mRing.shrink_to_fit();
     mHead = mFill = 0;
-    mFrameKnown = false;
+    mFrameKnown = mFramePromised = false;
     mFrame = {};
     mTotal = mProduced = mConsumed = 0;
     mFinished = mAborted = false;
@@ -82,11 +82,12 @@ int SaneFrameBuffer::beginImage(const RawFileHeader& header)
         header.pixelsPerRow == 0 || header.pixelsPerRow >= kMaxDimension || header.rows == 0 ||
         header.rows >= kMaxDimension)
         return kScanLibErrRead;
+    if (mFramePromised && SANE_Int(header.pixelsPerRow) != mFrame.pixels_per_line) return kScanLibErrRead;
     mFrame.format = gray ? SANE_FRAME_GRAY : SANE_FRAME_RGB;
     mFrame.last_frame = SANE_TRUE;
     mFrame.pixels_per_line = SANE_Int(header.pixelsPerRow);
     mFrame.bytes_per_line = SANE_Int(header.pixelsPerRow * (gray ? 1 : 3));
-    mFrame.lines = SANE_Int(header.rows);
+    if (!mFramePromised) mFrame.lines = SANE_Int(header.rows);
     mFrame.depth = 8;
     mInPixelBytes = header.bytesPerPixel;
     mTotal = std::uint64_t(mFrame.lines) * std::uint64_t(mFrame.bytes_per_line);
@@ -171,14 +172,17 @@ void SaneFrameBuffer::wake()
     raise(mReady.get());
 }
 
-bool SaneFrameBuffer::waitForFrame(Clock::time_point deadline, const std::atomic<bool>& cancel,
-                                   SANE_Parameters* frame)
+SANE_Parameters SaneFrameBuffer::frame(Clock::time_point deadline, const std::atomic<bool>& cancel,
+                                       const SANE_Parameters& estimate)
 {
     std::unique_lock<std::mutex> lock(mMutex);
-    while (!mFrameKnown && !mFinished && !mAborted && !cancel.load() && Clock::now() < deadline)
+    while (!mFrameKnown && !mFramePromised && !mFinished && !mAborted && !cancel.load() && Clock::now() < deadline)
         mChanged.wait_for(lock, std::min<Clock::duration>(kCancelSlice, deadline - Clock::now()));
-    if (mFrameKnown) *frame = mFrame;
-    return mFrameKnown;
+    if (!mFrameKnown && !mFramePromised) {
+        mFrame = estimate;
+        mFramePromised = true;
+    }
+    return mFrame;
 }
 
 std::size_t SaneFrameBuffer::takeLocked(SANE_Byte* data, std::size_t wanted)

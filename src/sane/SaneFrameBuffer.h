@@ -59,9 +59,13 @@ public:
     // Async-signal-safe: makes the select fd readable, nothing else.
     void wake();
 
-    // The frame, once the scanner has announced it; false if it did not
-    // before `deadline`, the scan's end or a cancel.
-    bool waitForFrame(Clock::time_point deadline, const std::atomic<bool>& cancel, SANE_Parameters* frame);
+    // The frame, once the scanner has announced it. If it has not by
+    // `deadline`, the scan's end or a cancel, `estimate` becomes the frame
+    // and the scan is held to it: a frontend that was told a size gets
+    // exactly that many bytes (rows past it dropped, rows missing blank),
+    // and an announcement of another width fails the scan.
+    SANE_Parameters frame(Clock::time_point deadline, const std::atomic<bool>& cancel,
+                          const SANE_Parameters& estimate);
     // sane_read: GOOD with bytes, GOOD with none (non-blocking and nothing
     // there yet), EOF, CANCELLED, or the scan's error. A blocking read that
     // sees nothing arrive for `quietLimit` gives up with an I/O error.
@@ -85,6 +89,7 @@ private:
     std::vector<std::uint8_t> mRing, mRow;
     std::size_t mHead = 0, mFill = 0;
     bool mFrameKnown = false;
+    bool mFramePromised = false;  // mFrame was told before the scanner announced it
     SANE_Parameters mFrame{};
     std::uint32_t mInPixelBytes = 0;
     std::uint64_t mTotal = 0, mProduced = 0, mConsumed = 0;

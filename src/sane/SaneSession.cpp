@@ -59,6 +59,16 @@ std::optional<UsbLocation> parseLocation(std::string_view text)
     return UsbLocation{std::uint8_t(bus), std::uint8_t(address)};
 }
 
+// The crop that asks the scanner for the request's area. The library
+// truncates inches times 100; a quarter hundredth on top makes it land on
+// exactly the hundredths we mean.
+ScanRect cropOf(const ScanRequest& request)
+{
+    auto inches = [](std::int32_t hundredths) { return (float(hundredths) + 0.25f) / 100.0f; };
+    return {inches(request.left), inches(request.top), inches(request.right - request.left),
+            inches(request.bottom - request.top)};
+}
+
 }  // namespace
 
 SaneSession::SaneSession(RunLoop& loop) : mLoop(loop), mBuffer(kFrameBufferBytes) {}
@@ -217,16 +227,14 @@ SANE_Status SaneSession::controlOption(SANE_Int option, SANE_Action action, void
 
 SANE_Parameters SaneSession::estimate(const ScanRequest& request) const
 {
-    // Hundredths of an inch into pixels, in integers: nothing lost to a
-    // float that lands a hair below a whole pixel.
-    auto pixels = [&](std::int32_t hundredths) {
-        return SANE_Int(std::int64_t(hundredths) * request.dpi / 100);
-    };
+    // Counted by the library's own rule from the area it will send, so the
+    // size told before the scan is the size the scan announces.
+    ScanArea area = scanAreaForCrop(cropOf(request));
     SANE_Parameters parameters{};
     parameters.format = request.gray ? SANE_FRAME_GRAY : SANE_FRAME_RGB;
     parameters.last_frame = SANE_TRUE;
-    parameters.pixels_per_line = pixels(request.right - request.left);
-    parameters.lines = pixels(request.bottom - request.top);
+    parameters.pixels_per_line = SANE_Int(pixelsAcross(std::uint32_t(area.right - area.left), request.dpi));
+    parameters.lines = SANE_Int(pixelsAcross(std::uint32_t(area.bottom - area.top), request.dpi));
     parameters.bytes_per_line = parameters.pixels_per_line * (request.gray ? 1 : 3);
     parameters.depth = 8;
     return parameters;
@@ -236,15 +244,17 @@ SANE_Status SaneSession::getParameters(SANE_Parameters* parameters)
 {
     if (!parameters) return SANE_STATUS_INVAL;
     if (mCancelRequested.load() && mPhase != Phase::Idle) finishCancel();
-    if (mPhase != Phase::Scanning) {
+    if (mPhase == Phase::Idle) {
         // Outside a frame: what the current options would give.
         *parameters = estimate(mOptions.request());
         return SANE_STATUS_GOOD;
     }
-    // During a frame: the frame the scanner announced, which is what
-    // sane_read delivers; until it has, our best idea of it.
-    if (!mBuffer.waitForFrame(SaneFrameBuffer::Clock::now() + kThreadCallWait, mCancelRequested, parameters))
-        *parameters = estimate(mRequest);
+    // From sane_start to sane_cancel, the frame sane_read delivers. That
+    // includes the time after its last byte: behind saned, the frontend's
+    // question may arrive only after saned has read the whole frame.
+    auto deadline = SaneFrameBuffer::Clock::now();
+    if (mPhase == Phase::Scanning) deadline += kThreadCallWait;
+    *parameters = mBuffer.frame(deadline, mCancelRequested, estimate(mRequest));
     return SANE_STATUS_GOOD;
 }
 
@@ -282,11 +292,7 @@ SANE_Status SaneSession::startOnLoop()
         mScanner->unlockScanner();
         return SANE_STATUS_INVAL;
     }
-    // The session truncates inches times 100; a quarter hundredth on top
-    // makes it land on exactly the hundredths we mean.
-    auto inches = [](std::int32_t hundredths) { return (float(hundredths) + 0.25f) / 100.0f; };
-    ScanRect crop{inches(mRequest.left), inches(mRequest.top), inches(mRequest.right - mRequest.left),
-                  inches(mRequest.bottom - mRequest.top)};
+    ScanRect crop = cropOf(mRequest);
     {
         std::lock_guard<std::mutex> guard(mMutex);
         mScanEnded = false;

@@ -41,6 +41,27 @@ std::int32_t toHundredths(float inches)
 
 }  // namespace
 
+ScanArea scanAreaForCrop(const ScanRect& crop)
+{
+    ScanArea area;
+    area.top = toHundredths(crop.y);
+    area.left = toHundredths(crop.x);
+    // The record's fields are unsigned and wrap alike.
+    area.bottom = std::int32_t(std::uint32_t(toHundredths(crop.height)) + std::uint32_t(area.top));
+    area.right = std::int32_t(std::uint32_t(toHundredths(crop.width)) + std::uint32_t(area.left));
+    return area;
+}
+
+std::uint32_t pixelsAcross(std::uint32_t hundredths, std::int32_t dpi)
+{
+    // In single precision, as the scanner counts: 2.36 in at 150 dpi is 353
+    // pixels there, not 354.
+    float pixels = std::trunc(float(hundredths) / kHundredths * float(dpi));
+    // Defined for any record the device may send.
+    if (!(pixels > 0)) return 0;
+    return pixels >= 2147483520.0f ? INT32_MAX : std::uint32_t(pixels);
+}
+
 // The scan thread's side of the session: its loop thread, the ScanThread
 // object that lives there, and the bridge that carries the thread's calls
 // back to the session's loop.
@@ -290,12 +311,11 @@ int ScanDevice::startScanWithCrop(ScanRect crop)
     settings.fields[kSettingsResolution] = std::uint32_t(mDPI);
     settings.fields[kSettingsColorFlag] = color ? 1 : 0;
     settings.fields[kSettingsScanMode] = color ? kScanModeColor : kScanModeGray;
-    std::int32_t top = toHundredths(crop.y);
-    std::int32_t left = toHundredths(crop.x);
-    settings.fields[kSettingsAreaTop] = std::uint32_t(top);
-    settings.fields[kSettingsAreaLeft] = std::uint32_t(left);
-    settings.fields[kSettingsAreaBottom] = std::uint32_t(toHundredths(crop.height)) + std::uint32_t(top);
-    settings.fields[kSettingsAreaRight] = std::uint32_t(toHundredths(crop.width)) + std::uint32_t(left);
+    ScanArea area = scanAreaForCrop(crop);
+    settings.fields[kSettingsAreaTop] = std::uint32_t(area.top);
+    settings.fields[kSettingsAreaLeft] = std::uint32_t(area.left);
+    settings.fields[kSettingsAreaBottom] = std::uint32_t(area.bottom);
+    settings.fields[kSettingsAreaRight] = std::uint32_t(area.right);
 
     result = PacketUtils::sendSettings(&settings, mInterface);
     if (result != 0) return result;

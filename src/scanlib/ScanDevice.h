@@ -65,6 +65,20 @@ struct ScanRect {
     float height = 0;
 };
 
+// A crop as the scanner's settings record carries it: hundredths of an inch
+// from the bed's top-left corner.
+struct ScanArea {
+    std::int32_t left = 0, top = 0, right = 0, bottom = 0;
+};
+
+// The area startScanWithCrop sends for `crop`.
+ScanArea scanAreaForCrop(const ScanRect& crop);
+// The pixels a scan at `dpi` has across `hundredths` of an inch. The scan
+// thread sizes its frame's rows with this, and the scanner counts its
+// columns the same way, so a caller that needs the frame's size before the
+// scan (a frontend's estimate) gets the size the scan will announce.
+std::uint32_t pixelsAcross(std::uint32_t hundredths, std::int32_t dpi);
+
 enum ScanState { kScanStateIdle = 0, kScanStateScanning = 1, kScanStateStopping = 2 };
 
 inline constexpr std::uint16_t kScannerVendorID = 0x2E5D;

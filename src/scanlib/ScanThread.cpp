@@ -1,6 +1,7 @@
 #include "scanlib/ScanThread.h"
 
 #include "scanlib/PacketUtils.h"
+#include "scanlib/ScanDevice.h"
 #include "scanlib/ScanLibError.h"
 
 #include <cmath>
@@ -146,9 +147,7 @@ int ScanThread::handleStartScanJob()
     mDPI = dpi;
     mColorType = std::int32_t(record.fields[kSettingsColorFlag]);
     std::uint32_t height = record.fields[kSettingsAreaBottom] - record.fields[kSettingsAreaTop];
-    float rows = std::trunc(float(height) / kHundredths * float(mDPI));
-    // Keep the conversion defined for any record the device may send.
-    mNumRowsToScan = rows >= 2147483520.0f ? INT32_MAX : std::int32_t(rows);
+    mNumRowsToScan = std::int32_t(pixelsAcross(height, mDPI));
     return 0;
 }
 

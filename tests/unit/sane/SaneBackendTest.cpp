@@ -315,6 +315,8 @@ TEST_F(SaneBackendTest, ScansAreTheChart)
         const char* emulator = "";
     } cases[] = {
         {"Color", 150, false, {25.4, 50.8, 76.2, 88.9}, 150},
+        // 2.36 in at 150 dpi is 353 rows to the scanner, 354 in exact arithmetic.
+        {"Color", 150, false, {10, 20, 90, 80}, 150},
         // A scanner warming up is waited for.
         {"Gray", 300, false, {2.54, 12.7, 38.1, 27.94}, 300, "fault=not-ready@3"},
         // Corners the wrong way round are the same rectangle; preview is quick.
@@ -351,6 +353,10 @@ TEST_F(SaneBackendTest, ScansAreTheChart)
         std::vector<std::uint8_t> frame;
         ASSERT_EQ(readAll(h, &frame), SANE_STATUS_EOF);
         ASSERT_EQ(frame.size(), std::size_t(after.bytes_per_line) * std::size_t(after.lines));
+        // Until the cancel, still the frame (saned may ask only after reading it all).
+        SANE_Parameters read{};
+        ASSERT_EQ(api.get_parameters(h, &read), SANE_STATUS_GOOD);
+        EXPECT_EQ(read.lines, after.lines);
         EXPECT_TRUE(isChart(frame.data(), width, rows, gray, area, c.expectedDpi));
         api.cancel(h);  // as frontends do after each page
         api.close(h);
