@@ -78,12 +78,9 @@ TEST_F(ScanDeviceTest, SettingsCarryTheCropInHundredths)
     openSession();
     ASSERT_EQ(start({0.5f, 1.0f, 2.25f, 3.0f}), 0);
     auto f = mModel->settings().fields;
-    EXPECT_EQ(f[kSettingsAreaTop], 100u);
-    EXPECT_EQ(f[kSettingsAreaLeft], 50u);
-    EXPECT_EQ(f[kSettingsAreaBottom], 400u);
-    EXPECT_EQ(f[kSettingsAreaRight], 275u);
-    EXPECT_EQ(f[kSettingsScanMode], kScanModeGray);
-    EXPECT_EQ(f[kSettingsColorFlag], 0u);
+    EXPECT_EQ(std::tuple(f[kSettingsAreaTop], f[kSettingsAreaLeft], f[kSettingsAreaBottom], f[kSettingsAreaRight],
+                         f[kSettingsScanMode], f[kSettingsColorFlag]),
+              std::tuple(100u, 50u, 400u, 275u, std::uint32_t(kScanModeGray), 0u));
     ASSERT_EQ(mLog.wait(), "ScanCompletedNotification");
     ::unlink(mPath.c_str());  // raw files are never overwritten
     ASSERT_EQ(on([&] { return mDevice->startScanWithCrop({0.333f, 0, 1, 1}); }), 0);
@@ -106,8 +103,7 @@ TEST_F(ScanDeviceTest, LockingAndRefusals)
     EXPECT_TRUE(mModel->isLocked());
     EXPECT_EQ(on([&] { return mDevice->startScanWithCrop({0, 0, 1, 1}); }), kScanLibErrNotOpen);
     ScanRect full = on([&] { return mDevice->makeFullSizeRect(); });
-    EXPECT_FLOAT_EQ(full.width, 8.5f);
-    EXPECT_FLOAT_EQ(full.height, 11.7f);
+    EXPECT_EQ(std::pair(full.width, full.height), std::pair(8.5f, 11.7f));
     on([&] { mDevice->unlockScanner(); });
     EXPECT_FALSE(on([&] { return mDevice->isLocked(); }));
     EXPECT_FALSE(mModel->isLocked());
@@ -139,10 +135,9 @@ TEST_F(ScanDeviceTest, CancelAtEachStage)
             mDevice->stopScan();
         });
         EXPECT_EQ(log.wait(), "ScanAbortedNotification");
-        EXPECT_EQ(mModel->commandCount(kScanMsgCancelScan), 1);
-        EXPECT_EQ(on([&] { return mDevice->lastScanError(); }), kScanLibErrAborted);
-        EXPECT_FALSE(fileExists(mPath));
-        EXPECT_EQ(on([&] { return mDevice->scanState(); }), kScanStateIdle);
+        EXPECT_EQ(std::tuple(mModel->commandCount(kScanMsgCancelScan), fileExists(mPath)), std::tuple(1, false));
+        EXPECT_EQ(on([&] { return std::pair(mDevice->lastScanError(), mDevice->scanState()); }),
+                  std::pair(int(kScanLibErrAborted), int(kScanStateIdle)));
     }
 }
 
