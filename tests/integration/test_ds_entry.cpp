@@ -95,15 +95,14 @@ TEST_F(DataSourceTest, OpenTwiceFailsAndLeavesTheFirstSessionAlone)
 {
     auto source = loadSource();
     ASSERT_EQ(source->open(), TWRC_SUCCESS) << source->conditionCode();
-    EXPECT_EQ(source->call(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, &source->source()), TWRC_FAILURE);
-    EXPECT_EQ(source->conditionCode(), TWCC_SEQERROR);
+    EXPECT_EQ(test::failCode(*source, source->call(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, &source->source())),
+              TWCC_SEQERROR);
 
     TW_UINT32 group = 0;
     EXPECT_EQ(source->call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group), TWRC_SUCCESS);
     EXPECT_EQ(group, DG_IMAGE);
     EXPECT_EQ(source->close(), TWRC_SUCCESS);
-    EXPECT_EQ(source->close(), TWRC_FAILURE);
-    EXPECT_EQ(source->conditionCode(), TWCC_SEQERROR);
+    EXPECT_EQ(test::failCode(*source, source->close()), TWCC_SEQERROR);
     // Opening again after a close works: the single instance was released.
     EXPECT_EQ(source->open(), TWRC_SUCCESS);
 }
@@ -112,8 +111,7 @@ TEST_F(DataSourceTest, OpenWithoutAScannerShowsAlertTwo)
 {
     ScopedEnv noEmulator("ZENTARY_SCANNER", std::nullopt);
     auto source = loadSource();
-    EXPECT_EQ(source->open(), TWRC_FAILURE);
-    EXPECT_EQ(source->conditionCode(), TWCC_OPERATIONERROR);
+    EXPECT_EQ(test::failCode(*source, source->open()), TWCC_OPERATIONERROR);
     EXPECT_NE(uiLog().find("\"row\":2,"), std::string::npos) << uiLog();
     EXPECT_NE(uiLog().find("No scanners are available."), std::string::npos) << uiLog();
 }
@@ -127,8 +125,7 @@ TEST_F(DataSourceTest, OpenWithoutCapabilityDefinitionsFailsForLowMemory)
     ScopedEnv useIt("ZENTARY_BUNDLE", bundle.string());
 
     auto source = loadSource();
-    EXPECT_EQ(source->open(), TWRC_FAILURE);
-    EXPECT_EQ(source->conditionCode(), TWCC_LOWMEMORY);
+    EXPECT_EQ(test::failCode(*source, source->open()), TWCC_LOWMEMORY);
     auto log = test::readLines(scratch("ui.log"));
     ASSERT_EQ(log.size(), 2u);
     EXPECT_NE(log[0].find("open-failed"), std::string::npos) << log[0];
