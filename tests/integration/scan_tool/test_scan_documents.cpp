@@ -5,7 +5,6 @@
 // and pdftotext) and compared with the chart or the page picture.
 #include <gtest/gtest.h>
 #include <png.h>
-#include <tiffio.h>
 
 #include <algorithm>
 #include <cmath>
@@ -70,31 +69,6 @@ std::optional<test::Picture> decodePng(const fs::path& file)
     png_destroy_read_struct(&png, &info, nullptr);
     if (!ok) return std::nullopt;
     return picture;
-}
-
-// Every directory of a TIFF, as RGB or gray.
-std::vector<test::Picture> decodeTiffPages(const fs::path& file)
-{
-    std::vector<test::Picture> pages;
-    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(file.c_str(), "r"), TIFFClose);
-    if (!tiff) return pages;
-    do {
-        test::Picture page;
-        std::uint16_t samples = 0;
-        float dpi = 0;
-        TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &page.width);
-        TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &page.height);
-        TIFFGetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
-        TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &dpi);
-        page.channels = samples;
-        page.xDpi = page.yDpi = dpi;
-        std::size_t stride = std::size_t(page.width) * samples;
-        page.pixels.resize(stride * page.height);
-        for (std::uint32_t y = 0; y < page.height; ++y)
-            if (TIFFReadScanline(tiff.get(), page.pixels.data() + y * stride, y) < 0) return {};
-        pages.push_back(std::move(page));
-    } while (TIFFReadDirectory(tiff.get()));
-    return pages;
 }
 
 // The pictures of a PDF's pages, as poppler extracts them.
@@ -167,7 +141,7 @@ TEST_F(ScanDocuments, EveryPageMatchesTheChart)
             for (const std::string& file : c.files)
                 if (auto picture = decodePng(mScratch.path() / file)) pages.push_back(std::move(*picture));
         } else if (c.kind == Kind::Tiff) {
-            pages = decodeTiffPages(first);
+            pages = test::decodeTiffPages(first);
         } else {
             std::string info = output("pdfinfo '" + first.string() + "'");
             EXPECT_NE(info.find("Pages:           " + std::to_string(c.pages)), std::string::npos) << info;

@@ -96,33 +96,44 @@ void writeBytes(const std::filesystem::path& file, const void* data, std::size_t
     std::ofstream(file, std::ios::binary).write(static_cast<const char*>(data), std::streamsize(length));
 }
 
-std::optional<Picture> decodeTiff(const std::filesystem::path& file)
+std::vector<Picture> decodeTiffPages(const std::filesystem::path& file)
 {
     TIFFSetWarningHandler(nullptr);
+    std::vector<Picture> pages;
     std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(file.c_str(), "r"), TIFFClose);
-    if (!tiff) return std::nullopt;
-    std::uint32_t width = 0, height = 0;
-    std::uint16_t samples = 0, bits = 0, photometric = 0, planar = PLANARCONFIG_CONTIG, unit = RESUNIT_INCH;
-    float xRes = 0, yRes = 0;
-    TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
-    TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
-    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
-    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_BITSPERSAMPLE, &bits);
-    TIFFGetField(tiff.get(), TIFFTAG_PHOTOMETRIC, &photometric);
-    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_PLANARCONFIG, &planar);
-    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
-    TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &xRes);
-    TIFFGetField(tiff.get(), TIFFTAG_YRESOLUTION, &yRes);
-    bool gray = samples == 1 && photometric == PHOTOMETRIC_MINISBLACK;
-    bool rgb = samples == 3 && photometric == PHOTOMETRIC_RGB;
-    if (bits != 8 || planar != PLANARCONFIG_CONTIG || !(gray || rgb) || unit != RESUNIT_INCH) return std::nullopt;
-    Picture picture{width, height, samples, xRes, yRes, {}};
-    std::size_t rowBytes = std::size_t(width) * samples;
-    if (std::size_t(TIFFScanlineSize(tiff.get())) != rowBytes) return std::nullopt;
-    picture.pixels.resize(rowBytes * height);
-    for (std::uint32_t y = 0; y < height; ++y)
-        if (TIFFReadScanline(tiff.get(), picture.pixels.data() + y * rowBytes, y) < 0) return std::nullopt;
-    return picture;
+    if (!tiff) return pages;
+    do {
+        std::uint32_t width = 0, height = 0;
+        std::uint16_t samples = 0, bits = 0, photometric = 0, planar = PLANARCONFIG_CONTIG, unit = RESUNIT_INCH;
+        float xRes = 0, yRes = 0;
+        TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
+        TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
+        TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
+        TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_BITSPERSAMPLE, &bits);
+        TIFFGetField(tiff.get(), TIFFTAG_PHOTOMETRIC, &photometric);
+        TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_PLANARCONFIG, &planar);
+        TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
+        TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &xRes);
+        TIFFGetField(tiff.get(), TIFFTAG_YRESOLUTION, &yRes);
+        bool gray = samples == 1 && photometric == PHOTOMETRIC_MINISBLACK;
+        bool rgb = samples == 3 && photometric == PHOTOMETRIC_RGB;
+        if (bits != 8 || planar != PLANARCONFIG_CONTIG || !(gray || rgb) || unit != RESUNIT_INCH) return {};
+        Picture picture{width, height, samples, xRes, yRes, {}};
+        std::size_t rowBytes = std::size_t(width) * samples;
+        if (std::size_t(TIFFScanlineSize(tiff.get())) != rowBytes) return {};
+        picture.pixels.resize(rowBytes * height);
+        for (std::uint32_t y = 0; y < height; ++y)
+            if (TIFFReadScanline(tiff.get(), picture.pixels.data() + y * rowBytes, y) < 0) return {};
+        pages.push_back(std::move(picture));
+    } while (TIFFReadDirectory(tiff.get()));
+    return pages;
+}
+
+std::optional<Picture> decodeTiff(const std::filesystem::path& file)
+{
+    std::vector<Picture> pages = decodeTiffPages(file);
+    if (pages.empty()) return std::nullopt;
+    return std::move(pages.front());
 }
 
 std::optional<Picture> decodeJpeg(const std::filesystem::path& file)
