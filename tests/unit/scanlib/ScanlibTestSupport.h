@@ -1,9 +1,7 @@
 // Shared helpers of the scanner library tests: a scripted device at the
-// transport seam, an engine loop thread, and checking a raw file against the
-// emulator's chart.
+// transport seam, an engine loop thread's notifications and raw file paths.
 #pragma once
 
-#include "emulator/TestChart.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "scanlib/RawFile.h"
@@ -16,8 +14,6 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -114,33 +110,6 @@ inline std::string tempRawPath(const char* tag)
 inline bool fileExists(const std::string& path)
 {
     return ::access(path.c_str(), F_OK) == 0;
-}
-
-// Checks a finished raw file pixel by pixel against the chart.
-inline void expectChartScan(const std::string& path, bool color, std::uint32_t dpi, std::uint32_t left,
-                            std::uint32_t top, std::uint32_t width, std::uint32_t rows)
-{
-    RawFileInfo info;
-    ASSERT_TRUE(readRawFileInfo(path, &info));
-    EXPECT_EQ(info.header.colorType, std::uint32_t(color ? 0 : 1));
-    EXPECT_EQ(info.header.resolution, dpi);
-    ASSERT_EQ(info.header.pixelsPerRow, width);
-    ASSERT_EQ(info.header.rows, rows);
-    ASSERT_EQ(info.rowsPresent, rows);
-    std::ifstream in(path, std::ios::binary);
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    ASSERT_EQ(bytes.size(), 32 + info.rowBytes * rows);
-    int bad = 0;
-    for (std::uint32_t y = 0; y < rows && bad < 5; ++y)
-        for (std::uint32_t x = 0; x < width && bad < 5; ++x) {
-            auto c = chart::color(chart::chartPosition(left, dpi, x), chart::chartPosition(top, dpi, y));
-            const std::uint8_t* p = bytes.data() + 32 + y * info.rowBytes + x * (color ? 4 : 1);
-            bool ok = color ? (p[1] == c.r && p[2] == c.g && p[3] == c.b) : p[0] == chart::grayOf(c);
-            if (!ok) {
-                ++bad;
-                ADD_FAILURE() << "pixel " << x << "," << y << " differs from the chart";
-            }
-        }
 }
 
 }  // namespace zentary::test
