@@ -91,6 +91,10 @@ protected:
         }
     }
     static bool scanDirEmpty() { return std::filesystem::is_empty(sScratch->path() / "scans"); }
+    static auto shape(const SANE_Parameters& p)
+    {
+        return std::tuple(p.format, p.pixels_per_line, p.lines, p.bytes_per_line);
+    }
 
     static inline Api api{};
     static inline void* sLibrary = nullptr;
@@ -124,9 +128,7 @@ TEST_F(SaneBackendTest, OptionsAreTheCapabilityDefinitions)
     const SANE_Word* list = api.get_option_descriptor(h, kResolution)->constraint.word_list;
     EXPECT_EQ(std::vector<SANE_Word>(list + 1, list + 1 + list[0]), resolutions);
     const SANE_String_Const* modes = api.get_option_descriptor(h, kMode)->constraint.string_list;
-    EXPECT_STREQ(modes[0], "Gray");
-    EXPECT_STREQ(modes[1], "Color");
-    EXPECT_EQ(modes[2], nullptr);
+    EXPECT_EQ(std::tuple(std::string(modes[0]), std::string(modes[1]), modes[2]), std::tuple("Gray", "Color", nullptr));
     SANE_Int dpi = 0;
     ASSERT_EQ(api.control_option(h, kResolution, SANE_ACTION_GET_VALUE, &dpi, nullptr), SANE_STATUS_GOOD);
     EXPECT_EQ(dpi, 300);
@@ -341,12 +343,9 @@ TEST_F(SaneBackendTest, ScansAreTheChart)
         ASSERT_EQ(api.get_parameters(h, &after), SANE_STATUS_GOOD);
         std::uint32_t width = scanPixels(hundredths(std::abs(c.area.right - c.area.left)), c.expectedDpi);
         std::uint32_t rows = scanPixels(hundredths(std::abs(c.area.bottom - c.area.top)), c.expectedDpi);
-        EXPECT_EQ(after.pixels_per_line, SANE_Int(width));
-        EXPECT_EQ(after.lines, SANE_Int(rows));
-        EXPECT_EQ(after.bytes_per_line, SANE_Int(width * (gray ? 1 : 3)));
-        EXPECT_EQ(after.format, gray ? SANE_FRAME_GRAY : SANE_FRAME_RGB);
-        EXPECT_EQ(before.pixels_per_line, after.pixels_per_line);
-        EXPECT_EQ(before.lines, after.lines);
+        EXPECT_EQ(shape(after), std::tuple(gray ? SANE_FRAME_GRAY : SANE_FRAME_RGB, SANE_Int(width), SANE_Int(rows),
+                                           SANE_Int(width * (gray ? 1 : 3))));
+        EXPECT_EQ(shape(before), shape(after));
 
         std::vector<std::uint8_t> frame;
         ASSERT_EQ(readAll(h, &frame), SANE_STATUS_EOF);
@@ -467,9 +466,7 @@ TEST_F(SaneBackendTest, CancelFromAnotherThreadStopsTheScan)
     set(h, kMode, gray);
     SANE_Parameters p{};
     ASSERT_EQ(api.get_parameters(h, &p), SANE_STATUS_GOOD);
-    EXPECT_EQ(p.format, SANE_FRAME_GRAY);
-    EXPECT_EQ(p.pixels_per_line, 1275);
-    EXPECT_EQ(p.lines, 1755);
+    EXPECT_EQ(shape(p), std::tuple(SANE_FRAME_GRAY, 1275, 1755, 1275));
     char color[] = "Color";
     set(h, kMode, color);
 
