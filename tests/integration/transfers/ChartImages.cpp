@@ -47,38 +47,6 @@ std::vector<std::uint8_t> readAll(const std::filesystem::path& file)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// Gray stays gray (P5) and colour colour (P6); anything else is refused.
-std::optional<Picture> parsePnm(const std::vector<std::uint8_t>& bytes)
-{
-    std::size_t at = 0;
-    auto token = [&]() -> std::string {
-        std::string text;
-        while (at < bytes.size()) {
-            char c = char(bytes[at]);
-            if (c == '#') {
-                while (at < bytes.size() && bytes[at] != '\n') ++at;
-            } else if (std::isspace(static_cast<unsigned char>(c))) {
-                ++at;
-                if (!text.empty()) return text;
-            } else {
-                text += c;
-                ++at;
-            }
-        }
-        return text;
-    };
-    std::string magic = token();
-    Picture picture;
-    picture.channels = magic == "P5" ? 1 : magic == "P6" ? 3 : 0;
-    picture.width = std::uint32_t(std::strtoul(token().c_str(), nullptr, 10));
-    picture.height = std::uint32_t(std::strtoul(token().c_str(), nullptr, 10));
-    if (picture.channels == 0 || token() != "255") return std::nullopt;
-    std::size_t size = std::size_t(picture.width) * picture.height * picture.channels;
-    if (bytes.size() - at < size) return std::nullopt;
-    picture.pixels.assign(bytes.begin() + std::ptrdiff_t(at), bytes.begin() + std::ptrdiff_t(at + size));
-    return picture;
-}
-
 std::uint32_t big32(const std::vector<std::uint8_t>& b, std::size_t at)
 {
     return std::uint32_t(b[at]) << 24 | std::uint32_t(b[at + 1]) << 16 | std::uint32_t(b[at + 2]) << 8 | b[at + 3];
@@ -191,11 +159,14 @@ std::optional<Picture> decodePict(const std::filesystem::path& file, bool withFi
     if (bytes.size() < record + 2 || bytes[record] != 0) return std::nullopt;
     std::uint32_t channels = bytes[record + 1] == 0x9A ? 3 : bytes[record + 1] == 0x98 ? 1 : 0;
     if (channels == 0) return std::nullopt;
-    std::filesystem::path pnm = file;
-    pnm += channels == 3 ? ".ppm" : ".pgm";
-    std::string command = "convert 'pict:" + source.string() + "' -depth 8 '" + pnm.string() + "' 2>&1";
+    // Gray stays gray and colour colour, as the picture says.
+    std::filesystem::path tiff = file;
+    tiff += ".tif";
+    std::string command = "convert 'pict:" + source.string() + "' -alpha off -depth 8 -units PixelsPerInch -type " +
+                          (channels == 3 ? "TrueColor '" : "Grayscale '") + tiff.string() + "' 2>&1";
     if (std::system(command.c_str()) != 0) return std::nullopt;
-    std::optional<Picture> picture = parsePnm(readAll(pnm));
+    std::optional<Picture> picture = decodeTiff(tiff);
+    if (picture && picture->channels != channels) return std::nullopt;
     if (picture) {
         picture->xDpi = big32(bytes, at + 20) / 65536.0;
         picture->yDpi = big32(bytes, at + 24) / 65536.0;
