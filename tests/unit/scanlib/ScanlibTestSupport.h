@@ -5,6 +5,7 @@
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "scanlib/RawFile.h"
+#include "scanlib/ScanDevice.h"
 #include "scanlib/usb/UsbTransport.h"
 
 #include <gtest/gtest.h>
@@ -111,5 +112,50 @@ inline bool fileExists(const std::string& path)
 {
     return ::access(path.c_str(), F_OK) == 0;
 }
+
+// A scan device driven from an engine loop thread, as the data source drives
+// it; closed, and its raw file removed, at the end.
+struct DeviceSession {
+    LoopThread engine{"engine"};
+    NotificationCenter center;
+    NotificationLog log{center};
+    std::unique_ptr<ScanDevice> device;
+    std::string path = tempRawPath("device");
+
+    ~DeviceSession() { close(); }
+    // Runs `fn` on the engine's loop thread, as the engine would.
+    template <typename Fn>
+    auto on(Fn fn)
+    {
+        return callOn(engine.loop(), fn);
+    }
+    void openSession()
+    {
+        ASSERT_EQ(on([&] { return device->openSession(); }), 0);
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!on([&] { return device->isSessionOpen(); }) && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ASSERT_TRUE(on([&] { return device->isSessionOpen(); }));
+    }
+    // Lock, configure and start; returns startScanWithCrop's result.
+    int start(ScanRect crop, int color = kColorTypeGray, int dpi = 150)
+    {
+        return on([&] {
+            if (int r = device->lockScanner()) return r;
+            device->setColorType(color);
+            device->setResolution(dpi);
+            device->setOutputFile(path);
+            return device->startScanWithCrop(crop);
+        });
+    }
+    void close()
+    {
+        on([&] {
+            if (device) device->closeSession();
+            device.reset();
+        });
+        ::unlink(path.c_str());
+    }
+};
 
 }  // namespace zentary::test

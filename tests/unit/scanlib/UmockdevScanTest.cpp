@@ -8,7 +8,6 @@
 #include "emulator/ScannerModel.h"
 #include "integration/transfers/ChartImages.h"
 #include "support/TestEnvironment.h"
-#include "scanlib/ScanDevice.h"
 
 #include <umockdev.h>
 
@@ -196,38 +195,19 @@ TEST(ScanlibUmockdev, LibusbScanMatchesTheChart)
 
     {
         ::unsetenv("ZENTARY_SCANNER");
-        LoopThread engine("engine");
-        NotificationCenter center;
-        NotificationLog log(center);
-        std::unique_ptr<ScanDevice> device;
-        std::string path = tempRawPath("umockdev");
-        callOn(engine.loop(), [&] {
-            device = ScanDevice::scanDeviceWithUSBDevice(
+        DeviceSession session;
+        session.on([&] {
+            session.device = ScanDevice::scanDeviceWithUSBDevice(
                 kScannerProductID, USBDevice::libusbDeviceWithVid(kScannerVendorID, kScannerProductID, std::nullopt),
-                center);
+                session.center);
         });
-        ASSERT_TRUE(device) << "libusb did not find the emulated scanner";
-        ASSERT_EQ(callOn(engine.loop(), [&] { return device->openSession(); }), 0);
-        auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (!callOn(engine.loop(), [&] { return device->isSessionOpen(); }) &&
-               std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(1ms);
-        int started = callOn(engine.loop(), [&] {
-            if (int r = device->lockScanner()) return r;
-            device->setColorType(kColorTypeColor);
-            device->setResolution(150);
-            device->setOutputFile(path);
-            return device->startScanWithCrop({1.0f, 3.5f, 2.0f, 1.0f});
-        });
-        ASSERT_EQ(started, 0);
-        EXPECT_EQ(log.wait(), "ScanCompletedNotification");
-        expectChartScan(path, 150, {100, 350}, 300, 150);
-        callOn(engine.loop(), [&] {
-            device->closeSession();
-            device.reset();
-        });
+        ASSERT_TRUE(session.device) << "libusb did not find the emulated scanner";
+        session.openSession();
+        ASSERT_EQ(session.start({1.0f, 3.5f, 2.0f, 1.0f}, kColorTypeColor, 150), 0);
+        EXPECT_EQ(session.log.wait(), "ScanCompletedNotification");
+        expectChartScan(session.path, 150, {100, 350}, 300, 150);
+        session.close();
         EXPECT_FALSE(model->isLocked());
-        ::unlink(path.c_str());
     }
     umockdev_testbed_detach_ioctl(testbed, kDevNode, nullptr);
     g_object_unref(handler);
