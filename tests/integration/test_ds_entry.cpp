@@ -22,17 +22,8 @@ using DataSourceTest = test::SourceTest;
 
 TEST(DataSourceExports, OnlyDsEntryIsExported)
 {
-    std::string command = "nm -D --defined-only " + test::dataSourcePath().string();
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    ASSERT_TRUE(pipe);
-    std::vector<std::string> symbols;
-    char line[512];
-    while (std::fgets(line, sizeof(line), pipe.get())) {
-        std::string text(line);
-        symbols.push_back(text.substr(text.rfind(' ') + 1, text.find_last_not_of('\n') - text.rfind(' ')));
-    }
-    ASSERT_EQ(symbols.size(), 1u);
-    EXPECT_EQ(symbols[0], "DS_Entry");
+    std::string symbols = test::commandOutput("nm -D --defined-only " + test::dataSourcePath().string());
+    EXPECT_EQ(symbols.substr(symbols.find(' ', symbols.find(' ') + 1) + 1), "DS_Entry\n") << symbols;
 }
 
 TEST_F(DataSourceTest, IdentityIsTheSameBeforeOpenWhileOpenAndAfterReload)

@@ -25,15 +25,6 @@ const std::vector<std::string> kSmall = {"--device", "emulator", "--resolution",
 constexpr test::Origin kOrigin{100, 50};
 constexpr std::uint32_t kWidth = 150, kHeight = 75;
 
-std::string output(const std::string& command)
-{
-    std::string text;
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    char buffer[4096];
-    for (std::size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;) text.append(buffer, n);
-    return text;
-}
-
 bool readPngRows(png_structp png, png_infop info, FILE* file, test::Picture* picture)
 {
     if (setjmp(png_jmpbuf(png))) return false;
@@ -75,7 +66,7 @@ std::optional<test::Picture> decodePng(const fs::path& file)
 std::vector<test::Picture> pdfPictures(const fs::path& pdf)
 {
     fs::path prefix = pdf.parent_path() / "extracted";
-    output("pdfimages -png '" + pdf.string() + "' '" + prefix.string() + "'");
+    test::commandOutput("pdfimages -png '" + pdf.string() + "' '" + prefix.string() + "'");
     std::vector<test::Picture> pictures;
     for (int i = 0;; ++i) {
         char name[32];
@@ -143,7 +134,7 @@ TEST_F(ScanDocuments, EveryPageMatchesTheChart)
         } else if (c.kind == Kind::Tiff) {
             pages = test::decodeTiffPages(first);
         } else {
-            std::string info = output("pdfinfo '" + first.string() + "'");
+            std::string info = test::commandOutput("pdfinfo '" + first.string() + "'");
             EXPECT_NE(info.find("Pages:           " + std::to_string(c.pages)), std::string::npos) << info;
             // 1 x 0.5 inch.
             EXPECT_NE(info.find("Page size:       72 x 36 pts"), std::string::npos) << info;
@@ -173,10 +164,10 @@ TEST_F(ScanDocuments, SearchablePdfOfAPagePictureHoldsItsWords)
                                 "300", "--area", "0,0,8.5,2.5", "--pages", "2", "--ocr", "eng", "letter.pdf"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     fs::path pdf = mScratch.path() / "letter.pdf";
-    std::string text = output("pdftotext '" + pdf.string() + "' -");
+    std::string text = test::commandOutput("pdftotext '" + pdf.string() + "' -");
     for (const char* word : {"Garden", "spring", "apple", "blossom", "hedge"})
         EXPECT_NE(text.find(word), std::string::npos) << word << " not in:\n" << text;
-    std::string info = output("pdfinfo '" + pdf.string() + "'");
+    std::string info = test::commandOutput("pdfinfo '" + pdf.string() + "'");
     EXPECT_NE(info.find("Page size:       612 x 180 pts"), std::string::npos) << info;
 
     std::vector<test::Picture> pictures = pdfPictures(pdf);
@@ -230,7 +221,7 @@ TEST_F(ScanDocuments, CtrlCLeavesNoDocumentUnlessAskedToKeepThePagesSoFar)
             continue;
         }
         EXPECT_EQ(test::strayFiles(mScratch.path(), {"doc.pdf"}), std::vector<std::string>{});
-        std::string info = output("pdfinfo '" + (mScratch.path() / "doc.pdf").string() + "'");
+        std::string info = test::commandOutput("pdfinfo '" + (mScratch.path() / "doc.pdf").string() + "'");
         EXPECT_NE(info.find("Pages:           1"), std::string::npos) << info;
     }
 }
