@@ -97,15 +97,13 @@ TEST_F(TransferEdgeTest, MemoryStripsCarryWholePaddedRowsWithinTheAnnouncedBuffe
         const bool rgb = c.pixelType == TWPT_RGB;
         EXPECT_EQ(std::uint32_t(info.ImageLength), scanPixels(area.height, 150));
         EXPECT_TRUE(info.XResolution.Whole == 150 && info.YResolution.Whole == 150 && info.XResolution.Frac == 0);
-        EXPECT_EQ(info.PixelType, TW_INT16(c.pixelType));
-        EXPECT_EQ(info.SamplesPerPixel, rgb ? 3 : 1);
-        EXPECT_EQ(info.BitsPerPixel, rgb ? 24 : 8);
-        EXPECT_EQ(info.Planar, 0);
+        EXPECT_EQ(std::tuple(info.PixelType, info.SamplesPerPixel, info.BitsPerPixel, info.Planar),
+                  std::tuple(TW_INT16(c.pixelType), TW_INT16(rgb ? 3 : 1), TW_INT16(rgb ? 24 : 8), TW_BOOL(0)));
         TW_SETUPMEMXFER sizes{};
         ASSERT_EQ(mSource->call(DG_CONTROL, DAT_SETUPMEMXFER, MSG_GET, &sizes), TWRC_SUCCESS);
-        EXPECT_EQ(TW_UINT32(sizes.MinBufSize), c.bytesPerRow);
-        EXPECT_EQ(TW_UINT32(sizes.MaxBufSize), c.bytesPerRow * std::uint32_t(info.ImageLength));
-        EXPECT_EQ(TW_UINT32(sizes.Preferred), TW_UINT32(sizes.MaxBufSize));
+        const std::uint32_t whole = c.bytesPerRow * std::uint32_t(info.ImageLength);
+        EXPECT_EQ(std::tuple(TW_UINT32(sizes.MinBufSize), TW_UINT32(sizes.MaxBufSize), TW_UINT32(sizes.Preferred)),
+                  std::tuple(c.bytesPerRow, whole, whole));
 
         std::vector<std::uint8_t> buffer(sizes.MaxBufSize + 1);
         TW_IMAGEMEMXFER strip{};
