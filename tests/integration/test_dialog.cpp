@@ -30,10 +30,8 @@ protected:
         setenv("ZENTARY_SCANNER", scanner, 1);
         setenv("ZENTARY_UI_AUTOPILOT", mPictures.c_str(), 1);
         setenv("ZENTARY_UI_AUTOPILOT_CANCEL", cancelIn.c_str(), 1);
-        auto source = test::loadSource();
+        auto source = openAs(manufacturer);
         if (!source) return nullptr;
-        std::strcpy(source->application().Manufacturer, manufacturer);
-        EXPECT_EQ(source->open(), TWRC_SUCCESS);
         EXPECT_EQ(test::setOneValue(*source, ICAP_PIXELTYPE, TWTY_UINT16, TWPT_GRAY), TWRC_SUCCESS);
         EXPECT_EQ(test::enable(*source, true), TWRC_SUCCESS);
         return source;

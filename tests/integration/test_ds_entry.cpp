@@ -18,24 +18,12 @@ using test::loadSource;
 
 // Every test runs with the emulated scanner, no windows, its own
 // preferences and its own user-interface log.
-class DataSourceTest : public test::SourceTest {
-protected:
-    std::vector<std::string> uiLines() { return test::readLines(scratch("ui.log")); }
-};
+using DataSourceTest = test::SourceTest;
 
 TEST(DataSourceExports, OnlyDsEntryIsExported)
 {
-    std::string command = "nm -D --defined-only " + test::dataSourcePath().string();
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    ASSERT_TRUE(pipe);
-    std::vector<std::string> symbols;
-    char line[512];
-    while (std::fgets(line, sizeof(line), pipe.get())) {
-        std::string text(line);
-        symbols.push_back(text.substr(text.rfind(' ') + 1, text.find_last_not_of('\n') - text.rfind(' ')));
-    }
-    ASSERT_EQ(symbols.size(), 1u);
-    EXPECT_EQ(symbols[0], "DS_Entry");
+    std::string symbols = test::commandOutput("nm -D --defined-only " + test::dataSourcePath().string());
+    EXPECT_EQ(symbols.substr(symbols.find(' ', symbols.find(' ') + 1) + 1), "DS_Entry\n") << symbols;
 }
 
 TEST_F(DataSourceTest, IdentityIsTheSameBeforeOpenWhileOpenAndAfterReload)
@@ -53,20 +41,15 @@ TEST_F(DataSourceTest, IdentityIsTheSameBeforeOpenWhileOpenAndAfterReload)
 
     EXPECT_EQ(std::memcmp(&first, &whileOpen, sizeof(first)), 0);
     EXPECT_EQ(std::memcmp(&first, &reloaded, sizeof(first)), 0);
-    EXPECT_STREQ(first.Manufacturer, "Tarvell Co.");
-    EXPECT_STREQ(first.ProductFamily, "Tarvell Zentary");
-    EXPECT_STREQ(first.ProductName, "Tarvell Zentary Q305 MFP");
-    EXPECT_EQ(test::value(first.Id), 0u);
-    EXPECT_EQ(test::value(first.ProtocolMajor), 1);
-    EXPECT_EQ(test::value(first.ProtocolMinor), 9);
+    using Names = std::tuple<std::string, std::string, std::string, std::string>;
+    // The build's bundle says 1.0.0, build 1.
+    EXPECT_EQ(Names(first.Manufacturer, first.ProductFamily, first.ProductName, first.Version.Info),
+              Names("Tarvell Co.", "Tarvell Zentary", "Tarvell Zentary Q305 MFP", "1.0.0 (1)"));
+    EXPECT_EQ(std::vector<int>({int(first.Id), first.ProtocolMajor, first.ProtocolMinor, first.Version.Language,
+                                first.Version.Country, first.Version.MajorNum, first.Version.MinorNum}),
+              std::vector<int>({0, 1, 9, TWLG_USA, TWCY_USA, 1, 0}));
     EXPECT_EQ(first.SupportedGroups & 0xFFFF, DG_CONTROL | DG_IMAGE);
     EXPECT_TRUE(first.SupportedGroups & DF_DS2);
-    EXPECT_EQ(test::value(first.Version.Language), TWLG_USA);
-    EXPECT_EQ(test::value(first.Version.Country), TWCY_USA);
-    // The build's bundle says 1.0.0, build 1.
-    EXPECT_EQ(test::value(first.Version.MajorNum), 1);
-    EXPECT_EQ(test::value(first.Version.MinorNum), 0);
-    EXPECT_STREQ(first.Version.Info, "1.0.0 (1)");
 }
 
 TEST_F(DataSourceTest, TripletsWithoutAnEngineFailWithTheirCodes)
@@ -103,15 +86,14 @@ TEST_F(DataSourceTest, OpenTwiceFailsAndLeavesTheFirstSessionAlone)
 {
     auto source = loadSource();
     ASSERT_EQ(source->open(), TWRC_SUCCESS) << source->conditionCode();
-    EXPECT_EQ(source->call(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, &source->source()), TWRC_FAILURE);
-    EXPECT_EQ(source->conditionCode(), TWCC_SEQERROR);
+    EXPECT_EQ(test::failCode(*source, source->call(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, &source->source())),
+              TWCC_SEQERROR);
 
     TW_UINT32 group = 0;
     EXPECT_EQ(source->call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group), TWRC_SUCCESS);
     EXPECT_EQ(group, DG_IMAGE);
     EXPECT_EQ(source->close(), TWRC_SUCCESS);
-    EXPECT_EQ(source->close(), TWRC_FAILURE);
-    EXPECT_EQ(source->conditionCode(), TWCC_SEQERROR);
+    EXPECT_EQ(test::failCode(*source, source->close()), TWCC_SEQERROR);
     // Opening again after a close works: the single instance was released.
     EXPECT_EQ(source->open(), TWRC_SUCCESS);
 }
@@ -120,12 +102,9 @@ TEST_F(DataSourceTest, OpenWithoutAScannerShowsAlertTwo)
 {
     ScopedEnv noEmulator("ZENTARY_SCANNER", std::nullopt);
     auto source = loadSource();
-    EXPECT_EQ(source->open(), TWRC_FAILURE);
-    EXPECT_EQ(source->conditionCode(), TWCC_OPERATIONERROR);
-    auto log = uiLines();
-    ASSERT_FALSE(log.empty());
-    EXPECT_NE(log.back().find("\"row\":2"), std::string::npos) << log.back();
-    EXPECT_NE(log.back().find("No scanners are available."), std::string::npos) << log.back();
+    EXPECT_EQ(test::failCode(*source, source->open()), TWCC_OPERATIONERROR);
+    EXPECT_NE(uiLog().find("\"row\":2,"), std::string::npos) << uiLog();
+    EXPECT_NE(uiLog().find("No scanners are available."), std::string::npos) << uiLog();
 }
 
 TEST_F(DataSourceTest, OpenWithoutCapabilityDefinitionsFailsForLowMemory)
@@ -137,9 +116,8 @@ TEST_F(DataSourceTest, OpenWithoutCapabilityDefinitionsFailsForLowMemory)
     ScopedEnv useIt("ZENTARY_BUNDLE", bundle.string());
 
     auto source = loadSource();
-    EXPECT_EQ(source->open(), TWRC_FAILURE);
-    EXPECT_EQ(source->conditionCode(), TWCC_LOWMEMORY);
-    auto log = uiLines();
+    EXPECT_EQ(test::failCode(*source, source->open()), TWCC_LOWMEMORY);
+    auto log = test::readLines(scratch("ui.log"));
     ASSERT_EQ(log.size(), 2u);
     EXPECT_NE(log[0].find("open-failed"), std::string::npos) << log[0];
     EXPECT_NE(log[0].find("Capabilities"), std::string::npos) << log[0];

@@ -34,9 +34,8 @@ TEST_F(FileSetupTest, TheDefaultTargetIsInTheTemporaryFolder)
     for (TW_UINT16 message : {MSG_GET, MSG_GETDEFAULT}) {
         ASSERT_EQ(call2(message), TWRC_SUCCESS);
         EXPECT_EQ(std::string(mName), path("ZentaryScan.tmp"));
-        EXPECT_EQ(test::value(mFile.Format), TWFF_TIFF);
-        EXPECT_EQ(test::value(mFile.VRefNum), 0);
-        EXPECT_EQ(test::value(mFile.ParID), 0u);
+        EXPECT_EQ(std::tuple(TW_UINT16(mFile.Format), TW_INT16(mFile.VRefNum), TW_UINT32(mFile.ParID)),
+                  std::tuple(TWFF_TIFF, 0, 0u));
         TW_SETUPFILEXFER shortForm{};
         ASSERT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, message, &shortForm), TWRC_SUCCESS);
         EXPECT_EQ(std::string(shortForm.FileName), path("ZentaryScan.tmp"));
@@ -66,11 +65,11 @@ TEST_F(FileSetupTest, SettingATargetCreatesOrEmptiesIt)
          TWFF_TIFF},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(call2(MSG_SET, c.name, c.format), c.rc) << c.what;
-        EXPECT_EQ(mSource->conditionCode(), c.code) << c.what;
-        ASSERT_EQ(call2(MSG_GET), TWRC_SUCCESS) << c.what;
-        EXPECT_EQ(std::string(mName), c.reported) << c.what;
-        EXPECT_EQ(test::value(mFile.Format), c.reportedFormat) << c.what;
+        SCOPED_TRACE(c.what);
+        TW_UINT16 rc = call2(MSG_SET, c.name, c.format);
+        EXPECT_EQ(std::pair(rc, mSource->conditionCode()), std::pair(c.rc, c.code));
+        ASSERT_EQ(call2(MSG_GET), TWRC_SUCCESS);
+        EXPECT_EQ(std::pair(std::string(mName), TW_UINT16(mFile.Format)), std::pair(c.reported, c.reportedFormat));
     }
     EXPECT_EQ(std::filesystem::file_size(path("new.tif")), 0u);
     EXPECT_EQ(std::filesystem::file_size(path("full.tif")), 0u);
@@ -85,17 +84,15 @@ TEST_F(FileSetupTest, AnotherUsersFileInASharedFolderIsLeftAlone)
     std::ofstream(path("shared/ZentaryScan.tmp")) << "theirs";
     ASSERT_EQ(chmod(path("shared/ZentaryScan.tmp").c_str(), 0666), 0);
     ASSERT_EQ(chown(path("shared/ZentaryScan.tmp").c_str(), 65534, 65534), 0);
-    EXPECT_EQ(call2(MSG_SET, path("shared/ZentaryScan.tmp")), TWRC_FAILURE);
-    EXPECT_EQ(mSource->conditionCode(), TWCC_BADVALUE);
+    EXPECT_EQ(test::failCode(*mSource, call2(MSG_SET, path("shared/ZentaryScan.tmp"))), TWCC_BADVALUE);
     EXPECT_EQ(std::filesystem::file_size(path("shared/ZentaryScan.tmp")), 6u);
 }
 
 TEST_F(FileSetupTest, MessagesAndMechanismsAreChecked)
 {
-    EXPECT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER2, MSG_GET, nullptr), TWRC_FAILURE);
-    EXPECT_EQ(mSource->conditionCode(), TWCC_BADVALUE);
-    EXPECT_EQ(call2(MSG_GETCURRENT), TWRC_FAILURE);
-    EXPECT_EQ(mSource->conditionCode(), TWCC_BADPROTOCOL);
+    EXPECT_EQ(test::failCode(*mSource, mSource->call(DG_CONTROL, DAT_SETUPFILEXFER2, MSG_GET, nullptr)),
+              TWCC_BADVALUE);
+    EXPECT_EQ(test::failCode(*mSource, call2(MSG_GETCURRENT)), TWCC_BADPROTOCOL);
     // The short form goes with TWSX_FILE, the long one with TWSX_FILE2.
     TW_SETUPFILEXFER shortForm{};
     std::strcpy(shortForm.FileName, path("short.tif").c_str());

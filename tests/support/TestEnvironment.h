@@ -2,7 +2,9 @@
 // variables, and writing and reading whole files.
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -110,6 +112,16 @@ inline std::vector<std::string> readLines(const std::filesystem::path& file)
     std::ifstream in(file);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
+}
+
+// What a shell command writes to its standard output.
+inline std::string commandOutput(const std::string& command)
+{
+    std::string text;
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    char buffer[4096];
+    for (std::size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;) text.append(buffer, n);
+    return text;
 }
 
 // Threads of this process right now.

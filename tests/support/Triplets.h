@@ -46,6 +46,13 @@ inline std::optional<TW_UINT32> currentOneValue(DataSourceManager& source, TW_UI
     return item;
 }
 
+// The condition code of a call that had to fail; TWRC_SUCCESS's 0 stands
+// for TWCC_SUCCESS, so a call that succeeded reads as 0xFFFF.
+inline TW_UINT16 failCode(DataSourceManager& source, TW_UINT16 rc)
+{
+    return rc == twain::TWRC_FAILURE ? source.conditionCode() : 0xFFFF;
+}
+
 inline TW_UINT16 enable(DataSourceManager& source, bool showUI)
 {
     TW_USERINTERFACE ui{static_cast<TW_BOOL>(showUI ? 1 : 0), 1, nullptr};

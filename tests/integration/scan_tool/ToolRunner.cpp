@@ -1,5 +1,7 @@
 #include "ToolRunner.h"
 
+#include "support/TestEnvironment.h"
+
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,33 +10,24 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 namespace zentary::test {
-
-namespace {
-
-std::string slurp(const std::filesystem::path& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-}  // namespace
 
 ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>& args,
                 const std::vector<std::string>& env, const Signals& signals, const std::vector<std::string>& wrapper)
 {
     const char* tool = std::getenv("ZENTARY_SCAN_TOOL");
+    if (tool) return runProgram(tool, dir, args, env, signals, wrapper);
     ToolRun run;
-    if (!tool) {
-        run.err = "ZENTARY_SCAN_TOOL is not set";
-        return run;
-    }
+    run.err = "ZENTARY_SCAN_TOOL is not set";
+    return run;
+}
+
+ToolRun runProgram(const std::string& tool, const std::filesystem::path& dir, const std::vector<std::string>& args,
+                   const std::vector<std::string>& env, const Signals& signals, const std::vector<std::string>& wrapper)
+{
+    ToolRun run;
     std::string outPath = (std::filesystem::temp_directory_path() / ("zst-out-" + std::to_string(getpid()))).string();
     // stderr comes through a pipe, so that signals can follow the phases it announces.
     int err[2];
@@ -84,7 +77,7 @@ ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>
     int status = 0;
     waitpid(child, &status, 0);
     run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.out = slurp(outPath);
+    run.out = readFile(outPath);
     std::filesystem::remove(outPath);
     return run;
 }

@@ -1,5 +1,6 @@
-// Runs zentary-scan as a user does, one process per case; what it wrote is
-// decoded by the transfer tests' readers, which share no code with it.
+// Runs zentary-scan (or a SANE frontend) as a user does, one process per
+// case; what it wrote is decoded by the transfer tests' readers, which share
+// no code with it.
 #pragma once
 
 #include <csignal>
@@ -25,8 +26,13 @@ struct Signals {
     std::vector<std::pair<int, int>> sent;  // {delayMs, signal}
 };
 
-// Runs the tool in `dir` with `args`; `env` entries NAME=VALUE are added.
-// `wrapper` is a command line the tool's own is appended to (it must exec it).
+// Runs `program` in `dir` with `args`; `env` entries NAME=VALUE are added.
+// `wrapper` is a command line the program's own is appended to (it must exec it).
+ToolRun runProgram(const std::string& program, const std::filesystem::path& dir, const std::vector<std::string>& args,
+                   const std::vector<std::string>& env = {}, const Signals& signals = {},
+                   const std::vector<std::string>& wrapper = {});
+
+// runProgram() of the zentary-scan under test.
 ToolRun runTool(const std::filesystem::path& dir, const std::vector<std::string>& args,
                 const std::vector<std::string>& env = {}, const Signals& signals = {},
                 const std::vector<std::string>& wrapper = {});

@@ -5,7 +5,6 @@
 // and pdftotext) and compared with the chart or the page picture.
 #include <gtest/gtest.h>
 #include <png.h>
-#include <tiffio.h>
 
 #include <algorithm>
 #include <cmath>
@@ -25,15 +24,6 @@ namespace fs = std::filesystem;
 const std::vector<std::string> kSmall = {"--device", "emulator", "--resolution", "150", "--area", "1,0.5,1,0.5"};
 constexpr test::Origin kOrigin{100, 50};
 constexpr std::uint32_t kWidth = 150, kHeight = 75;
-
-std::string output(const std::string& command)
-{
-    std::string text;
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    char buffer[4096];
-    for (std::size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;) text.append(buffer, n);
-    return text;
-}
 
 bool readPngRows(png_structp png, png_infop info, FILE* file, test::Picture* picture)
 {
@@ -72,36 +62,11 @@ std::optional<test::Picture> decodePng(const fs::path& file)
     return picture;
 }
 
-// Every directory of a TIFF, as RGB or gray.
-std::vector<test::Picture> decodeTiffPages(const fs::path& file)
-{
-    std::vector<test::Picture> pages;
-    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(file.c_str(), "r"), TIFFClose);
-    if (!tiff) return pages;
-    do {
-        test::Picture page;
-        std::uint16_t samples = 0;
-        float dpi = 0;
-        TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &page.width);
-        TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &page.height);
-        TIFFGetField(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
-        TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &dpi);
-        page.channels = samples;
-        page.xDpi = page.yDpi = dpi;
-        std::size_t stride = std::size_t(page.width) * samples;
-        page.pixels.resize(stride * page.height);
-        for (std::uint32_t y = 0; y < page.height; ++y)
-            if (TIFFReadScanline(tiff.get(), page.pixels.data() + y * stride, y) < 0) return {};
-        pages.push_back(std::move(page));
-    } while (TIFFReadDirectory(tiff.get()));
-    return pages;
-}
-
 // The pictures of a PDF's pages, as poppler extracts them.
 std::vector<test::Picture> pdfPictures(const fs::path& pdf)
 {
     fs::path prefix = pdf.parent_path() / "extracted";
-    output("pdfimages -png '" + pdf.string() + "' '" + prefix.string() + "'");
+    test::commandOutput("pdfimages -png '" + pdf.string() + "' '" + prefix.string() + "'");
     std::vector<test::Picture> pictures;
     for (int i = 0;; ++i) {
         char name[32];
@@ -167,9 +132,9 @@ TEST_F(ScanDocuments, EveryPageMatchesTheChart)
             for (const std::string& file : c.files)
                 if (auto picture = decodePng(mScratch.path() / file)) pages.push_back(std::move(*picture));
         } else if (c.kind == Kind::Tiff) {
-            pages = decodeTiffPages(first);
+            pages = test::decodeTiffPages(first);
         } else {
-            std::string info = output("pdfinfo '" + first.string() + "'");
+            std::string info = test::commandOutput("pdfinfo '" + first.string() + "'");
             EXPECT_NE(info.find("Pages:           " + std::to_string(c.pages)), std::string::npos) << info;
             // 1 x 0.5 inch.
             EXPECT_NE(info.find("Page size:       72 x 36 pts"), std::string::npos) << info;
@@ -199,10 +164,10 @@ TEST_F(ScanDocuments, SearchablePdfOfAPagePictureHoldsItsWords)
                                 "300", "--area", "0,0,8.5,2.5", "--pages", "2", "--ocr", "eng", "letter.pdf"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     fs::path pdf = mScratch.path() / "letter.pdf";
-    std::string text = output("pdftotext '" + pdf.string() + "' -");
+    std::string text = test::commandOutput("pdftotext '" + pdf.string() + "' -");
     for (const char* word : {"Garden", "spring", "apple", "blossom", "hedge"})
         EXPECT_NE(text.find(word), std::string::npos) << word << " not in:\n" << text;
-    std::string info = output("pdfinfo '" + pdf.string() + "'");
+    std::string info = test::commandOutput("pdfinfo '" + pdf.string() + "'");
     EXPECT_NE(info.find("Page size:       612 x 180 pts"), std::string::npos) << info;
 
     std::vector<test::Picture> pictures = pdfPictures(pdf);
@@ -256,7 +221,7 @@ TEST_F(ScanDocuments, CtrlCLeavesNoDocumentUnlessAskedToKeepThePagesSoFar)
             continue;
         }
         EXPECT_EQ(test::strayFiles(mScratch.path(), {"doc.pdf"}), std::vector<std::string>{});
-        std::string info = output("pdfinfo '" + (mScratch.path() / "doc.pdf").string() + "'");
+        std::string info = test::commandOutput("pdfinfo '" + (mScratch.path() / "doc.pdf").string() + "'");
         EXPECT_NE(info.find("Pages:           1"), std::string::npos) << info;
     }
 }

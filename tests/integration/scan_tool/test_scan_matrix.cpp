@@ -60,8 +60,7 @@ TEST_P(ScanMatrix, ImageMatchesTheChart)
                                          : ext == "jpg" ? test::decodeJpeg(file)
                                                         : test::decodePict(file, true);
     ASSERT_TRUE(image) << "undecodable " << output;
-    EXPECT_EQ(image->xDpi, c.dpi);
-    EXPECT_EQ(image->yDpi, c.dpi);
+    EXPECT_EQ(std::pair(image->xDpi, image->yDpi), std::pair(double(c.dpi), double(c.dpi)));
     const auto width = std::uint32_t(std::lround(kWidth * c.dpi)), height = std::uint32_t(std::lround(kHeight * c.dpi));
     EXPECT_NE(run.out.find(std::to_string(width) + " x " + std::to_string(height)), std::string::npos) << run.out;
     test::Picture chart = test::chartPicture({kLeft, kTop}, std::uint32_t(c.dpi), width, height,

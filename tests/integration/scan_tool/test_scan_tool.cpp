@@ -27,21 +27,11 @@ class ScanTool : public ::testing::Test {
 protected:
     test::ScratchDir mScratch;
     std::vector<std::string> mEnv{"XDG_CONFIG_HOME=" + mScratch.path().string()};
-
-    void writeFile(const std::string& name, const std::string& text)
-    {
-        std::ofstream(mScratch.path() / name) << text;
-    }
-    std::string readFile(const std::string& name)
-    {
-        std::ifstream in(mScratch.path() / name);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
 };
 
 TEST_F(ScanTool, BadInputIsRefusedInOneLineAndTouchesNothing)
 {
-    writeFile("old.tif", "keep me");
+    test::writeFile(mScratch.path() / "old.tif", "keep me");
     struct Case {
         std::vector<std::string> args;
         int exitCode;
@@ -65,7 +55,7 @@ TEST_F(ScanTool, BadInputIsRefusedInOneLineAndTouchesNothing)
         EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
         EXPECT_EQ(test::strayFiles(mScratch.path(), {"old.tif"}), std::vector<std::string>{});
     }
-    EXPECT_EQ(readFile("old.tif"), "keep me");
+    EXPECT_EQ(test::readFile(mScratch.path() / "old.tif"), "keep me");
     test::ToolRun run = test::runTool(mScratch.path(), with(kSmall, {"--overwrite", "old.tif"}), mEnv);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(test::decodeTiff(mScratch.path() / "old.tif").value_or(test::Picture{}).width, 150u);

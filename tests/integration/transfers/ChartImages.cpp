@@ -47,38 +47,6 @@ std::vector<std::uint8_t> readAll(const std::filesystem::path& file)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// Gray stays gray (P5) and colour colour (P6); anything else is refused.
-std::optional<Picture> parsePnm(const std::vector<std::uint8_t>& bytes)
-{
-    std::size_t at = 0;
-    auto token = [&]() -> std::string {
-        std::string text;
-        while (at < bytes.size()) {
-            char c = char(bytes[at]);
-            if (c == '#') {
-                while (at < bytes.size() && bytes[at] != '\n') ++at;
-            } else if (std::isspace(static_cast<unsigned char>(c))) {
-                ++at;
-                if (!text.empty()) return text;
-            } else {
-                text += c;
-                ++at;
-            }
-        }
-        return text;
-    };
-    std::string magic = token();
-    Picture picture;
-    picture.channels = magic == "P5" ? 1 : magic == "P6" ? 3 : 0;
-    picture.width = std::uint32_t(std::strtoul(token().c_str(), nullptr, 10));
-    picture.height = std::uint32_t(std::strtoul(token().c_str(), nullptr, 10));
-    if (picture.channels == 0 || token() != "255") return std::nullopt;
-    std::size_t size = std::size_t(picture.width) * picture.height * picture.channels;
-    if (bytes.size() - at < size) return std::nullopt;
-    picture.pixels.assign(bytes.begin() + std::ptrdiff_t(at), bytes.begin() + std::ptrdiff_t(at + size));
-    return picture;
-}
-
 std::uint32_t big32(const std::vector<std::uint8_t>& b, std::size_t at)
 {
     return std::uint32_t(b[at]) << 24 | std::uint32_t(b[at + 1]) << 16 | std::uint32_t(b[at + 2]) << 8 | b[at + 3];
@@ -96,33 +64,44 @@ void writeBytes(const std::filesystem::path& file, const void* data, std::size_t
     std::ofstream(file, std::ios::binary).write(static_cast<const char*>(data), std::streamsize(length));
 }
 
-std::optional<Picture> decodeTiff(const std::filesystem::path& file)
+std::vector<Picture> decodeTiffPages(const std::filesystem::path& file)
 {
     TIFFSetWarningHandler(nullptr);
+    std::vector<Picture> pages;
     std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(file.c_str(), "r"), TIFFClose);
-    if (!tiff) return std::nullopt;
-    std::uint32_t width = 0, height = 0;
-    std::uint16_t samples = 0, bits = 0, photometric = 0, planar = PLANARCONFIG_CONTIG, unit = RESUNIT_INCH;
-    float xRes = 0, yRes = 0;
-    TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
-    TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
-    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
-    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_BITSPERSAMPLE, &bits);
-    TIFFGetField(tiff.get(), TIFFTAG_PHOTOMETRIC, &photometric);
-    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_PLANARCONFIG, &planar);
-    TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
-    TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &xRes);
-    TIFFGetField(tiff.get(), TIFFTAG_YRESOLUTION, &yRes);
-    bool gray = samples == 1 && photometric == PHOTOMETRIC_MINISBLACK;
-    bool rgb = samples == 3 && photometric == PHOTOMETRIC_RGB;
-    if (bits != 8 || planar != PLANARCONFIG_CONTIG || !(gray || rgb) || unit != RESUNIT_INCH) return std::nullopt;
-    Picture picture{width, height, samples, xRes, yRes, {}};
-    std::size_t rowBytes = std::size_t(width) * samples;
-    if (std::size_t(TIFFScanlineSize(tiff.get())) != rowBytes) return std::nullopt;
-    picture.pixels.resize(rowBytes * height);
-    for (std::uint32_t y = 0; y < height; ++y)
-        if (TIFFReadScanline(tiff.get(), picture.pixels.data() + y * rowBytes, y) < 0) return std::nullopt;
-    return picture;
+    if (!tiff) return pages;
+    do {
+        std::uint32_t width = 0, height = 0;
+        std::uint16_t samples = 0, bits = 0, photometric = 0, planar = PLANARCONFIG_CONTIG, unit = RESUNIT_INCH;
+        float xRes = 0, yRes = 0;
+        TIFFGetField(tiff.get(), TIFFTAG_IMAGEWIDTH, &width);
+        TIFFGetField(tiff.get(), TIFFTAG_IMAGELENGTH, &height);
+        TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
+        TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_BITSPERSAMPLE, &bits);
+        TIFFGetField(tiff.get(), TIFFTAG_PHOTOMETRIC, &photometric);
+        TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_PLANARCONFIG, &planar);
+        TIFFGetFieldDefaulted(tiff.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
+        TIFFGetField(tiff.get(), TIFFTAG_XRESOLUTION, &xRes);
+        TIFFGetField(tiff.get(), TIFFTAG_YRESOLUTION, &yRes);
+        bool gray = samples == 1 && photometric == PHOTOMETRIC_MINISBLACK;
+        bool rgb = samples == 3 && photometric == PHOTOMETRIC_RGB;
+        if (bits != 8 || planar != PLANARCONFIG_CONTIG || !(gray || rgb) || unit != RESUNIT_INCH) return {};
+        Picture picture{width, height, samples, xRes, yRes, {}};
+        std::size_t rowBytes = std::size_t(width) * samples;
+        if (std::size_t(TIFFScanlineSize(tiff.get())) != rowBytes) return {};
+        picture.pixels.resize(rowBytes * height);
+        for (std::uint32_t y = 0; y < height; ++y)
+            if (TIFFReadScanline(tiff.get(), picture.pixels.data() + y * rowBytes, y) < 0) return {};
+        pages.push_back(std::move(picture));
+    } while (TIFFReadDirectory(tiff.get()));
+    return pages;
+}
+
+std::optional<Picture> decodeTiff(const std::filesystem::path& file)
+{
+    std::vector<Picture> pages = decodeTiffPages(file);
+    if (pages.empty()) return std::nullopt;
+    return std::move(pages.front());
 }
 
 std::optional<Picture> decodeJpeg(const std::filesystem::path& file)
@@ -180,11 +159,14 @@ std::optional<Picture> decodePict(const std::filesystem::path& file, bool withFi
     if (bytes.size() < record + 2 || bytes[record] != 0) return std::nullopt;
     std::uint32_t channels = bytes[record + 1] == 0x9A ? 3 : bytes[record + 1] == 0x98 ? 1 : 0;
     if (channels == 0) return std::nullopt;
-    std::filesystem::path pnm = file;
-    pnm += channels == 3 ? ".ppm" : ".pgm";
-    std::string command = "convert 'pict:" + source.string() + "' -depth 8 '" + pnm.string() + "' 2>&1";
+    // Gray stays gray and colour colour, as the picture says.
+    std::filesystem::path tiff = file;
+    tiff += ".tif";
+    std::string command = "convert 'pict:" + source.string() + "' -alpha off -depth 8 -units PixelsPerInch -type " +
+                          (channels == 3 ? "TrueColor '" : "Grayscale '") + tiff.string() + "' 2>&1";
     if (std::system(command.c_str()) != 0) return std::nullopt;
-    std::optional<Picture> picture = parsePnm(readAll(pnm));
+    std::optional<Picture> picture = decodeTiff(tiff);
+    if (picture && picture->channels != channels) return std::nullopt;
     if (picture) {
         picture->xDpi = big32(bytes, at + 20) / 65536.0;
         picture->yDpi = big32(bytes, at + 24) / 65536.0;

@@ -33,9 +33,10 @@ std::uint32_t scanPixels(std::uint32_t hundredths, std::uint32_t dpi);
 Picture chartPicture(Origin origin, std::uint32_t dpi, std::uint32_t width, std::uint32_t height,
                      std::uint32_t channels);
 
-std::optional<Picture> decodeTiff(const std::filesystem::path& file);
+std::optional<Picture> decodeTiff(const std::filesystem::path& file);  // its first page
+std::vector<Picture> decodeTiffPages(const std::filesystem::path& file);  // none when one is unreadable
 std::optional<Picture> decodeJpeg(const std::filesystem::path& file);
-// Through ImageMagick into PNM; the resolution comes from the picture's own
+// Through ImageMagick into TIFF; the resolution comes from the picture's own
 // header. `withFileHeader` says whether the 512 bytes of a PICT file precede it.
 std::optional<Picture> decodePict(const std::filesystem::path& file, bool withFileHeader);
 

@@ -151,12 +151,9 @@ protected:
             }
             // The record is packed: its fields are copied out before use.
             const TW_UINT32 rows = strip.Rows, bytesWritten = strip.BytesWritten;
-            EXPECT_EQ(TW_UINT16(strip.Compression), TWCP_NONE);
-            EXPECT_EQ(TW_UINT32(strip.BytesPerRow), bytesPerRow);
-            EXPECT_EQ(TW_UINT32(strip.Columns), width);
-            EXPECT_EQ(TW_UINT32(strip.XOffset), 0u);
-            EXPECT_EQ(TW_UINT32(strip.YOffset), row);
-            EXPECT_EQ(bytesWritten, rows * bytesPerRow);
+            EXPECT_EQ(std::tuple(TW_UINT16(strip.Compression), TW_UINT32(strip.BytesPerRow), TW_UINT32(strip.Columns),
+                                 TW_UINT32(strip.XOffset), TW_UINT32(strip.YOffset), bytesWritten),
+                      std::tuple(TWCP_NONE, TW_UINT32(bytesPerRow), width, 0u, row, TW_UINT32(rows * bytesPerRow)));
             EXPECT_EQ(rows, std::min<std::size_t>(length / bytesPerRow, height - row));
             if (rows == 0 || rows > height - row) return picture;
             for (std::uint32_t r = 0; r < rows; ++r) {

@@ -64,11 +64,9 @@ TEST_F(AlertsTest, RowsAreShownWithTheirTextsAndButtonsInOrder)
         EXPECT_EQ(answer, c.answer) << c.row;
         ASSERT_EQ(presenter->shown.size(), 1u);
         const AlertRequest& shown = presenter->shown[0];
-        EXPECT_EQ(shown.row, c.row);
-        EXPECT_EQ(shown.message, c.message);
-        EXPECT_EQ(shown.informative, c.informative);
-        EXPECT_EQ(shown.buttons, c.buttons);  // "Ok" is translated by the English table
-        EXPECT_EQ(shown.systemModal, c.systemModal);
+        // "Ok" is translated by the English table.
+        EXPECT_EQ(std::tuple(shown.row, shown.message, shown.informative, shown.buttons, shown.systemModal),
+                  std::tuple(c.row, c.message, c.informative, c.buttons, c.systemModal));
     }
 }
 
@@ -96,8 +94,7 @@ protected:
     std::filesystem::path file() const { return mScratch.path() / "com.tarvell.zentaryQ300.scands.plist"; }
     void store(const std::string& entries)
     {
-        std::ofstream(file()) << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                              << entries << "</dict></plist>\n";
+        test::writeFile(file(), test::xmlPlist("<dict>" + entries + "</dict>"));
     }
 };
 

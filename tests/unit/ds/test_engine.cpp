@@ -60,10 +60,10 @@ TEST_F(EngineTest, RecognisesImageCaptureAndReadirisByPrefix)
     for (const Case& c : cases) {
         auto engine = open(c.manufacturer, c.product);
         ASSERT_TRUE(engine);
-        EXPECT_EQ(engine->clientIsImageCapture(), c.imageCapture) << c.manufacturer << "/" << c.product;
-        EXPECT_EQ(engine->clientIsReadiris(), c.readiris) << c.manufacturer << "/" << c.product;
-        EXPECT_EQ(engine->twainState(), 4);
-        EXPECT_EQ(test::value(engine->source().Id), 7u);
+        EXPECT_EQ(std::tuple(engine->clientIsImageCapture(), engine->clientIsReadiris(), engine->twainState(),
+                             TW_UINT32(engine->source().Id)),
+                  std::tuple(c.imageCapture, c.readiris, 4, 7u))
+            << c.manufacturer << "/" << c.product;
     }
 }
 
@@ -95,15 +95,6 @@ TEST_F(EngineTest, StartsFromTheRememberedImageTypeAndResolution)
     }
 }
 
-void writeInfoPlist(const std::filesystem::path& bundle, const std::string& entries)
-{
-    std::filesystem::create_directories(bundle);
-    std::ofstream(bundle / "Info.plist") << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                                         << "<plist version=\"1.0\"><dict>"
-                                         << "<key>CFBundleIdentifier</key><string>com.tarvell.zentaryQ305.scands</string>"
-                                         << entries << "</dict></plist>\n";
-}
-
 TEST(Identity, VersionComesFromTheBundleAndFitsItsField)
 {
     struct Case {
@@ -124,16 +115,18 @@ TEST(Identity, VersionComesFromTheBundleAndFitsItsField)
     };
     for (const Case& c : cases) {
         ScratchDir dir;
-        writeInfoPlist(dir.path() / "B.bundle", c.entries);
+        test::writeFile(dir.path() / "B.bundle/Info.plist",
+                        test::xmlPlist(std::string("<dict><key>CFBundleIdentifier</key>"
+                                                   "<string>com.tarvell.zentaryQ305.scands</string>") +
+                                       c.entries + "</dict>"));
         ScopedEnv bundle("ZENTARY_BUNDLE", (dir.path() / "B.bundle").string());
         TW_IDENTITY identity;
         std::memset(&identity, 0xAB, sizeof(identity));
         fillIdentity(identity);
-        EXPECT_EQ(test::value(identity.Version.MajorNum), c.major) << c.entries;
-        EXPECT_EQ(test::value(identity.Version.MinorNum), c.minor) << c.entries;
-        EXPECT_STREQ(identity.Version.Info, c.info) << c.entries;
-        EXPECT_EQ(identity.Version.Info[33], '\0');
-        EXPECT_EQ(test::value(identity.Id), 0u);
+        EXPECT_EQ(std::tuple(TW_UINT16(identity.Version.MajorNum), TW_UINT16(identity.Version.MinorNum),
+                             std::string(identity.Version.Info), identity.Version.Info[33], TW_UINT32(identity.Id)),
+                  std::tuple(c.major, c.minor, c.info, '\0', 0u))
+            << c.entries;
     }
 }
 

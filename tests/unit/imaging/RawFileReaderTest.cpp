@@ -23,10 +23,9 @@ TEST_P(RawConversion, PixelsResolutionAndTableAreExact) {
     test::ScratchDir dir;
     auto image = newGWorldFromRawFile(test::writeRawFile(dir, shape));
     ASSERT_TRUE(image);
-    EXPECT_EQ(image->depth(), shape.gray ? 8 : 32);
     EXPECT_EQ(image->bounds(), (Rect{0, 0, static_cast<std::int16_t>(shape.height), static_cast<std::int16_t>(shape.width)}));
-    EXPECT_EQ(image->hRes(), static_cast<Fixed>(shape.dpi) << 16);
-    EXPECT_EQ(image->vRes(), static_cast<Fixed>(shape.dpi) << 16);
+    EXPECT_EQ(std::tuple(image->depth(), image->hRes(), image->vRes()),
+              std::tuple(shape.gray ? 8 : 32, Fixed(shape.dpi) << 16, Fixed(shape.dpi) << 16));
     EXPECT_GE(image->rowBytes(), static_cast<std::size_t>(shape.width * image->bytesPerPixel()));
     if (shape.gray) {
         ASSERT_EQ(image->colorTable().size(), 256u);
@@ -117,10 +116,10 @@ TEST(RawConversion, ImageIsPrivateAndOutlivesTheFile) {
     auto image = newGWorldFromRawFile(path);
     ASSERT_TRUE(image);
     std::memset(image->row(1), 0x11, image->rowBytes());
-    std::ifstream in(path, std::ios::binary);
-    std::vector<std::uint8_t> file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string file = test::readFile(path);
     const auto pixels = test::rawPixels(shape);
-    EXPECT_TRUE(std::equal(pixels.begin(), pixels.end(), file.begin() + kRawFileHeaderLength));
+    EXPECT_TRUE(std::equal(pixels.begin(), pixels.end(), file.begin() + kRawFileHeaderLength,
+                           [](std::uint8_t a, char b) { return a == std::uint8_t(b); }));
     ASSERT_EQ(std::remove(path.c_str()), 0);
     EXPECT_EQ(image->row(2)[3], pixels[2 * 4 * 7 + 3]);
     EXPECT_EQ(image->row(1)[27], 0x11);
@@ -159,9 +158,7 @@ TEST(RawHeader, ReadsAndRecognises) {
     RawFileHeader header{};
     ASSERT_TRUE(readRawScanFileHeader(&header, fd));
     EXPECT_EQ(::lseek(fd, 0, SEEK_CUR), 7);
-    EXPECT_EQ(header.resolution, 300u);
-    EXPECT_EQ(header.pixelsPerRow, 5u);
-    EXPECT_EQ(header.rows, 3u);
+    EXPECT_EQ(std::tuple(header.resolution, header.pixelsPerRow, header.rows), std::tuple(300u, 5u, 3u));
     ::close(fd);
     const int empty = ::open(dir.file("empty").c_str(), O_RDONLY);
     RawFileHeader untouched{};

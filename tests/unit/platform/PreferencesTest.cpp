@@ -29,6 +29,8 @@ protected:
 
 TEST_F(PreferencesTest, RoundTripThroughTheFile)
 {
+    const std::optional<std::int64_t> none;
+    const std::optional<std::string> noText;
     Preferences writer(kDomain);
     EXPECT_EQ(writer.filePath(), mFile);
     EXPECT_EQ(writer.integer("resolution"), std::nullopt);
@@ -36,10 +38,10 @@ TEST_F(PreferencesTest, RoundTripThroughTheFile)
         ASSERT_TRUE(writer.setInteger("resolution", value));
         ASSERT_TRUE(writer.setString("nativeFormat", "PICT \xC3\xA9 <&>"));
         Preferences reader(kDomain);  // a second object sees what the first wrote
-        EXPECT_EQ(reader.integer("resolution"), value);
-        EXPECT_EQ(reader.string("nativeFormat"), "PICT \xC3\xA9 <&>");
-        EXPECT_EQ(reader.integer("nativeFormat"), std::nullopt);
-        EXPECT_EQ(reader.string("resolution"), std::nullopt);
+        EXPECT_EQ(std::pair(reader.integer("resolution"), reader.string("nativeFormat")),
+                  std::pair(std::optional(value), std::optional<std::string>("PICT \xC3\xA9 <&>")));
+        // Each read as the other type is absent.
+        EXPECT_EQ(std::pair(reader.integer("nativeFormat"), reader.string("resolution")), std::pair(none, noText));
     }
     struct stat info {};
     ASSERT_EQ(::stat(mFile.c_str(), &info), 0);

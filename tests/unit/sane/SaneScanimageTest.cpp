@@ -1,20 +1,11 @@
 // Debian's scanimage against the backend, found by the SANE dll loader
 // through SANE_CONFIG_DIR (dll.conf) and LD_LIBRARY_PATH, as installed.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
-#include <vector>
-
 #include "SaneTestSupport.h"
-
-extern char** environ;
+#include "ToolRunner.h"
 
 namespace zentary::test {
 namespace {
@@ -32,56 +23,13 @@ protected:
         std::filesystem::create_directories(mScratch.path() / "scans");
         writeSaneConfig(mScratch.path());
     }
-
-    // Starts scanimage with `args`, its output into `output`; the pid.
-    pid_t spawn(const std::vector<std::string>& args, const std::filesystem::path& output,
-                const std::string& scanner = "emulator", const std::filesystem::path& libraryDir = saneDir(),
-                const std::filesystem::path& configDir = {})
+    ToolRun run(const std::vector<std::string>& args, const std::string& scanner = "emulator",
+                const Signals& signals = {})
     {
-        std::vector<std::string> env = {
-            "SANE_CONFIG_DIR=" + (configDir.empty() ? mScratch.path() : configDir).string(),
-            "LD_LIBRARY_PATH=" + libraryDir.string(),
-            "ZENTARY_SCANNER=" + scanner,
-            "TMPDIR=" + (mScratch.path() / "scans").string(),
-            "PATH=/usr/bin:/bin",
-        };
-        std::vector<std::string> argv = {kScanimage};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> envp, argp;
-        for (std::string& e : env) envp.push_back(e.data());
-        for (std::string& a : argv) argp.push_back(a.data());
-        envp.push_back(nullptr);
-        argp.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        pid_t pid = -1;
-        EXPECT_EQ(posix_spawn(&pid, kScanimage, &actions, nullptr, argp.data(), envp.data()), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        return pid;
-    }
-    // The exit status, or -1 when it did not end within `limit` (then it is killed).
-    static int wait(pid_t pid, std::chrono::seconds limit = std::chrono::seconds(120))
-    {
-        auto deadline = std::chrono::steady_clock::now() + limit;
-        int status = 0;
-        while (waitpid(pid, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                kill(pid, SIGKILL);
-                waitpid(pid, &status, 0);
-                return -1;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    int run(const std::vector<std::string>& args, std::string* output)
-    {
-        std::filesystem::path out = mScratch.path() / "stdout";
-        int status = wait(spawn(args, out));
-        std::ifstream file(out, std::ios::binary);
-        output->assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-        return status;
+        return runProgram(kScanimage, mScratch.path(), args,
+                          {"SANE_CONFIG_DIR=" + mScratch.path().string(), "LD_LIBRARY_PATH=" + saneDir().string(),
+                           "ZENTARY_SCANNER=" + scanner, "TMPDIR=" + (mScratch.path() / "scans").string()},
+                          signals);
     }
     bool scanDirEmpty() const { return std::filesystem::is_empty(mScratch.path() / "scans"); }
 
@@ -90,13 +38,14 @@ protected:
 
 TEST_F(SaneScanimageTest, ListsTheDeviceAndEveryOption)
 {
-    std::string output;
-    ASSERT_EQ(run({"-L"}, &output), 0);
-    EXPECT_NE(output.find("`zentary:emulator'"), std::string::npos) << output;
-    ASSERT_EQ(run({"-d", "zentary:emulator", "-A"}, &output), 0);
+    ToolRun list = run({"-L"});
+    ASSERT_EQ(list.exitCode, 0) << list.err;
+    EXPECT_NE(list.out.find("`zentary:emulator'"), std::string::npos) << list.out;
+    ToolRun all = run({"-d", "zentary:emulator", "-A"});
+    ASSERT_EQ(all.exitCode, 0) << all.err;
     for (const char* option : {"--mode Gray|Color [Color]", "--resolution 150|300|600|1200dpi [300]", "--preview",
                                "-l 0..215.9mm", "-t 0..297.18mm", "-x 0..215.9mm", "-y 0..297.18mm"})
-        EXPECT_NE(output.find(option), std::string::npos) << option << "\n" << output;
+        EXPECT_NE(all.out.find(option), std::string::npos) << option << "\n" << all.out;
 }
 
 TEST_F(SaneScanimageTest, TiffIsTheChart)
@@ -119,8 +68,10 @@ TEST_F(SaneScanimageTest, TiffIsTheChart)
     for (const Case& c : cases) {
         std::vector<std::string> args = {"-d", "zentary:emulator", "--format=tiff"};
         args.insert(args.end(), c.args.begin(), c.args.end());
+        ToolRun scan = run(args);
+        ASSERT_EQ(scan.exitCode, 0) << scan.err;
         std::filesystem::path out = mScratch.path() / "out.tiff";
-        ASSERT_EQ(wait(spawn(args, out)), 0);
+        writeBytes(out, scan.out.data(), scan.out.size());
         std::optional<Picture> image = decodeTiff(out);
         ASSERT_TRUE(image);
         const std::uint32_t width = scanPixels(hundredths(c.area.right - c.area.left), c.dpi);
@@ -133,16 +84,12 @@ TEST_F(SaneScanimageTest, TiffIsTheChart)
 
 TEST_F(SaneScanimageTest, InterruptLeavesNoTemporaryFile)
 {
-    std::filesystem::path out = mScratch.path() / "out.pnm";
-    pid_t pid = spawn({"-d", "zentary:emulator", "--resolution", "600"}, out, "emulator:mbps=4");
-    // Interrupt once the page is under way.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::filesystem::file_size(out) < 100000 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_GE(std::filesystem::file_size(out), 100000u);
-    kill(pid, SIGINT);
-    EXPECT_NE(wait(pid, std::chrono::seconds(30)), -1) << "scanimage did not end after SIGINT";
-    EXPECT_LT(std::filesystem::file_size(out), 600u * 600u * 4u * 8u);  // far from the whole page
+    // Interrupted once the page is under way: a whole one would take 25 s.
+    ToolRun scan = run({"-d", "zentary:emulator", "--resolution", "600", "--progress"}, "emulator:mbps=4",
+                       {"Progress:", {{500, SIGINT}}});
+    EXPECT_NE(scan.exitCode, 128 + SIGINT) << "ended by the signal, not by its cancel";
+    EXPECT_GT(scan.out.size(), 0u);
+    EXPECT_LT(scan.out.size(), 600u * 600u * 4u * 8u);  // far from the whole page
     EXPECT_TRUE(scanDirEmpty());
 }
 

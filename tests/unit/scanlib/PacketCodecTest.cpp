@@ -4,6 +4,7 @@
 #include "scanlib/PacketUtils.h"
 #include "scanlib/ScanLibError.h"
 #include "scanlib/usb/USBInterface.h"
+#include "support/TestEnvironment.h"
 
 namespace zentary::test {
 namespace {
@@ -148,19 +149,14 @@ TEST(RawFile, RoundTripAndRefusals)
         ASSERT_EQ(writer.appendRows(rows, 3, 5, 8), 0);
         RawFileInfo info;
         ASSERT_TRUE(readRawFileInfo(path, &info));
-        EXPECT_EQ(info.header.rows, 4u);
-        EXPECT_EQ(info.rowsPresent, 3u);
+        EXPECT_EQ(std::pair(info.header.rows, info.rowsPresent), std::pair(4u, 3u));
         ASSERT_EQ(writer.finalizeRows(3), 0);
         writer.commit();
     }
-    std::ifstream in(path, std::ios::binary);
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string bytes = readFile(path);
     ASSERT_EQ(bytes.size(), 47u);
-    const std::uint8_t begin[] = {0x46, 0x77, 0x61, 0x72, 0x20, 0, 0, 0};
-    EXPECT_EQ(0, std::memcmp(bytes.data(), begin, sizeof begin));
-    EXPECT_EQ(bytes[28], 3);
-    EXPECT_EQ(bytes[32 + 5], 8);
-    EXPECT_EQ(bytes[46], 20);
+    EXPECT_EQ(bytes.substr(0, 8), std::string("Fwar\x20\0\0\0", 8));
+    EXPECT_EQ(std::tuple(bytes[28], bytes[32 + 5], bytes[46]), std::tuple(3, 8, 20));  // rows; the rows' bytes
     ::unlink(path.c_str());
 
     {

@@ -6,7 +6,6 @@
 #include "ScanlibTestSupport.h"
 
 #include "emulator/EmulatorTransport.h"
-#include "scanlib/ScanDevice.h"
 
 #include <cstdlib>
 
@@ -15,15 +14,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class ScanDeviceTest : public ::testing::Test {
+class ScanDeviceTest : public ::testing::Test, public DeviceSession {
 protected:
-    // Runs `fn` on the engine's loop thread, as the engine would.
-    template <typename Fn>
-    auto on(Fn fn)
-    {
-        return callOn(mEngine.loop(), fn);
-    }
-
     void makeDevice(const std::string& options = "")
     {
         EmulatorOptions parsed;
@@ -31,45 +23,13 @@ protected:
         ASSERT_TRUE(parseEmulatorOptions(options, &parsed, &error)) << error;
         mModel = std::make_shared<ScannerModel>(parsed);
         on([&] {
-            mDevice = ScanDevice::scanDeviceWithUSBDevice(
-                kScannerProductID, std::make_unique<USBDevice>(makeEmulatorDevice(mModel)), mCenter);
+            device = ScanDevice::scanDeviceWithUSBDevice(
+                kScannerProductID, std::make_unique<USBDevice>(makeEmulatorDevice(mModel)), center);
         });
-        ASSERT_TRUE(mDevice);
-    }
-    void openSession()
-    {
-        ASSERT_EQ(on([&] { return mDevice->openSession(); }), 0);
-        auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (!on([&] { return mDevice->isSessionOpen(); }) && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(1ms);
-        ASSERT_TRUE(on([&] { return mDevice->isSessionOpen(); }));
-    }
-    // Lock, configure and start; returns startScanWithCrop's result.
-    int start(ScanRect crop, int color = kColorTypeGray, int dpi = 150)
-    {
-        return on([&] {
-            if (int r = mDevice->lockScanner()) return r;
-            mDevice->setColorType(color);
-            mDevice->setResolution(dpi);
-            mDevice->setOutputFile(mPath);
-            return mDevice->startScanWithCrop(crop);
-        });
-    }
-    void TearDown() override
-    {
-        on([&] {
-            if (mDevice) mDevice->closeSession();
-            mDevice.reset();
-        });
-        ::unlink(mPath.c_str());
+        ASSERT_TRUE(device);
     }
 
-    LoopThread mEngine{"engine"};
-    NotificationCenter mCenter;
-    NotificationLog mLog{mCenter};
     std::shared_ptr<ScannerModel> mModel;
-    std::unique_ptr<ScanDevice> mDevice;
-    std::string mPath = tempRawPath("device");
 };
 
 TEST_F(ScanDeviceTest, SettingsCarryTheCropInHundredths)
@@ -78,40 +38,36 @@ TEST_F(ScanDeviceTest, SettingsCarryTheCropInHundredths)
     openSession();
     ASSERT_EQ(start({0.5f, 1.0f, 2.25f, 3.0f}), 0);
     auto f = mModel->settings().fields;
-    EXPECT_EQ(f[kSettingsAreaTop], 100u);
-    EXPECT_EQ(f[kSettingsAreaLeft], 50u);
-    EXPECT_EQ(f[kSettingsAreaBottom], 400u);
-    EXPECT_EQ(f[kSettingsAreaRight], 275u);
-    EXPECT_EQ(f[kSettingsScanMode], kScanModeGray);
-    EXPECT_EQ(f[kSettingsColorFlag], 0u);
-    ASSERT_EQ(mLog.wait(), "ScanCompletedNotification");
-    ::unlink(mPath.c_str());  // raw files are never overwritten
-    ASSERT_EQ(on([&] { return mDevice->startScanWithCrop({0.333f, 0, 1, 1}); }), 0);
+    EXPECT_EQ(std::tuple(f[kSettingsAreaTop], f[kSettingsAreaLeft], f[kSettingsAreaBottom], f[kSettingsAreaRight],
+                         f[kSettingsScanMode], f[kSettingsColorFlag]),
+              std::tuple(100u, 50u, 400u, 275u, std::uint32_t(kScanModeGray), 0u));
+    ASSERT_EQ(log.wait(), "ScanCompletedNotification");
+    ::unlink(path.c_str());  // raw files are never overwritten
+    ASSERT_EQ(on([&] { return device->startScanWithCrop({0.333f, 0, 1, 1}); }), 0);
     EXPECT_EQ(mModel->settings().fields[kSettingsAreaLeft], 33u);
 }
 
 TEST_F(ScanDeviceTest, LockingAndRefusals)
 {
     makeDevice();
-    EXPECT_EQ(on([&] { return mDevice->lockScanner(); }), kScanLibErrNotOpen);
+    EXPECT_EQ(on([&] { return device->lockScanner(); }), kScanLibErrNotOpen);
     openSession();
-    EXPECT_EQ(on([&] { return mDevice->openSession(); }), kScanLibErrGeneric);
-    EXPECT_EQ(on([&] { return mDevice->setResolution(75); }), kScanLibErrBadResolution);
-    EXPECT_EQ(on([&] { return mDevice->setResolution(600); }), 0);
+    EXPECT_EQ(on([&] { return device->openSession(); }), kScanLibErrGeneric);
+    EXPECT_EQ(on([&] { return device->setResolution(75); }), kScanLibErrBadResolution);
+    EXPECT_EQ(on([&] { return device->setResolution(600); }), 0);
     // Not locked wins over the missing output file.
-    EXPECT_EQ(on([&] { return mDevice->startScanWithCrop({0, 0, 1, 1}); }), kScanLibErrNotLocked);
-    EXPECT_EQ(on([&] { return mDevice->lockScanner(); }), 0);
-    EXPECT_EQ(on([&] { return mDevice->lockScanner(); }), 0);
+    EXPECT_EQ(on([&] { return device->startScanWithCrop({0, 0, 1, 1}); }), kScanLibErrNotLocked);
+    EXPECT_EQ(on([&] { return device->lockScanner(); }), 0);
+    EXPECT_EQ(on([&] { return device->lockScanner(); }), 0);
     EXPECT_EQ(mModel->commandCount(kScanMsgLock), 1);
     EXPECT_TRUE(mModel->isLocked());
-    EXPECT_EQ(on([&] { return mDevice->startScanWithCrop({0, 0, 1, 1}); }), kScanLibErrNotOpen);
-    ScanRect full = on([&] { return mDevice->makeFullSizeRect(); });
-    EXPECT_FLOAT_EQ(full.width, 8.5f);
-    EXPECT_FLOAT_EQ(full.height, 11.7f);
-    on([&] { mDevice->unlockScanner(); });
-    EXPECT_FALSE(on([&] { return mDevice->isLocked(); }));
+    EXPECT_EQ(on([&] { return device->startScanWithCrop({0, 0, 1, 1}); }), kScanLibErrNotOpen);
+    ScanRect full = on([&] { return device->makeFullSizeRect(); });
+    EXPECT_EQ(std::pair(full.width, full.height), std::pair(8.5f, 11.7f));
+    on([&] { device->unlockScanner(); });
+    EXPECT_FALSE(on([&] { return device->isLocked(); }));
     EXPECT_FALSE(mModel->isLocked());
-    on([&] { mDevice->stopScan(); });  // idle: nothing is sent
+    on([&] { device->stopScan(); });  // idle: nothing is sent
     EXPECT_EQ(mModel->commandCount(kScanMsgCancelScan), 0);
 }
 
@@ -124,25 +80,24 @@ TEST_F(ScanDeviceTest, CancelAtEachStage)
     } cases[] = {{"before the first packet", 0.0f}, {"in the image", 0.2f}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        NotificationLog log(mCenter);
+        NotificationLog caseLog(center);  // this case's notifications only
         makeDevice("mbps=1,rows=30");
         openSession();
-        ::unlink(mPath.c_str());
+        ::unlink(path.c_str());
         ASSERT_EQ(start({0, 0, 4, 4}, kColorTypeGray, 300), 0);
         auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (on([&] { return mDevice->scanProgress(); }) < c.progressBeforeCancel &&
+        while (on([&] { return device->scanProgress(); }) < c.progressBeforeCancel &&
                std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(2ms);
-        EXPECT_EQ(on([&] { return mDevice->startScanWithCrop({0, 0, 1, 1}); }), kScanLibErrBusy);
+        EXPECT_EQ(on([&] { return device->startScanWithCrop({0, 0, 1, 1}); }), kScanLibErrBusy);
         on([&] {
-            mDevice->stopScan();
-            mDevice->stopScan();
+            device->stopScan();
+            device->stopScan();
         });
-        EXPECT_EQ(log.wait(), "ScanAbortedNotification");
-        EXPECT_EQ(mModel->commandCount(kScanMsgCancelScan), 1);
-        EXPECT_EQ(on([&] { return mDevice->lastScanError(); }), kScanLibErrAborted);
-        EXPECT_FALSE(fileExists(mPath));
-        EXPECT_EQ(on([&] { return mDevice->scanState(); }), kScanStateIdle);
+        EXPECT_EQ(caseLog.wait(), "ScanAbortedNotification");
+        EXPECT_EQ(std::tuple(mModel->commandCount(kScanMsgCancelScan), fileExists(path)), std::tuple(1, false));
+        EXPECT_EQ(on([&] { return std::pair(device->lastScanError(), device->scanState()); }),
+                  std::pair(int(kScanLibErrAborted), int(kScanStateIdle)));
     }
 }
 

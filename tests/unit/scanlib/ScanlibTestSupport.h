@@ -1,12 +1,11 @@
 // Shared helpers of the scanner library tests: a scripted device at the
-// transport seam, an engine loop thread, and checking a raw file against the
-// emulator's chart.
+// transport seam, an engine loop thread's notifications and raw file paths.
 #pragma once
 
-#include "emulator/TestChart.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
 #include "scanlib/RawFile.h"
+#include "scanlib/ScanDevice.h"
 #include "scanlib/usb/UsbTransport.h"
 
 #include <gtest/gtest.h>
@@ -16,8 +15,6 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -116,31 +113,49 @@ inline bool fileExists(const std::string& path)
     return ::access(path.c_str(), F_OK) == 0;
 }
 
-// Checks a finished raw file pixel by pixel against the chart.
-inline void expectChartScan(const std::string& path, bool color, std::uint32_t dpi, std::uint32_t left,
-                            std::uint32_t top, std::uint32_t width, std::uint32_t rows)
-{
-    RawFileInfo info;
-    ASSERT_TRUE(readRawFileInfo(path, &info));
-    EXPECT_EQ(info.header.colorType, std::uint32_t(color ? 0 : 1));
-    EXPECT_EQ(info.header.resolution, dpi);
-    ASSERT_EQ(info.header.pixelsPerRow, width);
-    ASSERT_EQ(info.header.rows, rows);
-    ASSERT_EQ(info.rowsPresent, rows);
-    std::ifstream in(path, std::ios::binary);
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    ASSERT_EQ(bytes.size(), 32 + info.rowBytes * rows);
-    int bad = 0;
-    for (std::uint32_t y = 0; y < rows && bad < 5; ++y)
-        for (std::uint32_t x = 0; x < width && bad < 5; ++x) {
-            auto c = chart::color(chart::chartPosition(left, dpi, x), chart::chartPosition(top, dpi, y));
-            const std::uint8_t* p = bytes.data() + 32 + y * info.rowBytes + x * (color ? 4 : 1);
-            bool ok = color ? (p[1] == c.r && p[2] == c.g && p[3] == c.b) : p[0] == chart::grayOf(c);
-            if (!ok) {
-                ++bad;
-                ADD_FAILURE() << "pixel " << x << "," << y << " differs from the chart";
-            }
-        }
-}
+// A scan device driven from an engine loop thread, as the data source drives
+// it; closed, and its raw file removed, at the end.
+struct DeviceSession {
+    LoopThread engine{"engine"};
+    NotificationCenter center;
+    NotificationLog log{center};
+    std::unique_ptr<ScanDevice> device;
+    std::string path = tempRawPath("device");
+
+    ~DeviceSession() { close(); }
+    // Runs `fn` on the engine's loop thread, as the engine would.
+    template <typename Fn>
+    auto on(Fn fn)
+    {
+        return callOn(engine.loop(), fn);
+    }
+    void openSession()
+    {
+        ASSERT_EQ(on([&] { return device->openSession(); }), 0);
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!on([&] { return device->isSessionOpen(); }) && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ASSERT_TRUE(on([&] { return device->isSessionOpen(); }));
+    }
+    // Lock, configure and start; returns startScanWithCrop's result.
+    int start(ScanRect crop, int color = kColorTypeGray, int dpi = 150)
+    {
+        return on([&] {
+            if (int r = device->lockScanner()) return r;
+            device->setColorType(color);
+            device->setResolution(dpi);
+            device->setOutputFile(path);
+            return device->startScanWithCrop(crop);
+        });
+    }
+    void close()
+    {
+        on([&] {
+            if (device) device->closeSession();
+            device.reset();
+        });
+        ::unlink(path.c_str());
+    }
+};
 
 }  // namespace zentary::test

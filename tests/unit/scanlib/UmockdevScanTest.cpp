@@ -6,7 +6,8 @@
 #include "ScanlibTestSupport.h"
 
 #include "emulator/ScannerModel.h"
-#include "scanlib/ScanDevice.h"
+#include "integration/transfers/ChartImages.h"
+#include "support/TestEnvironment.h"
 
 #include <umockdev.h>
 
@@ -25,6 +26,25 @@ bool preloaded()
 }
 
 using namespace std::chrono_literals;
+
+// Checks a finished raw file pixel by pixel against the chart.
+void expectChartScan(const std::string& path, std::uint32_t dpi, Origin origin, std::uint32_t width, std::uint32_t rows)
+{
+    RawFileInfo info;
+    ASSERT_TRUE(readRawFileInfo(path, &info));
+    EXPECT_EQ(std::tuple(info.header.colorType, info.header.resolution, info.header.pixelsPerRow, info.header.rows,
+                         info.rowsPresent),
+              std::tuple(0u, dpi, width, rows, rows));
+    std::string bytes = readFile(path);
+    ASSERT_EQ(bytes.size(), 32 + info.rowBytes * rows);
+    Picture picture{width, rows, 3, 0, 0, {}};
+    for (std::uint32_t y = 0; y < rows; ++y)
+        for (std::uint32_t x = 0; x < width; ++x) {
+            const char* rgb = bytes.data() + 32 + y * info.rowBytes + x * 4 + 1;  // after the unused byte
+            picture.pixels.insert(picture.pixels.end(), rgb, rgb + 3);
+        }
+    EXPECT_TRUE(samePixels(picture, chartPicture(origin, dpi, width, rows, 3)));
+}
 
 constexpr const char* kDevNode = "/dev/bus/usb/001/002";
 
@@ -175,38 +195,19 @@ TEST(ScanlibUmockdev, LibusbScanMatchesTheChart)
 
     {
         ::unsetenv("ZENTARY_SCANNER");
-        LoopThread engine("engine");
-        NotificationCenter center;
-        NotificationLog log(center);
-        std::unique_ptr<ScanDevice> device;
-        std::string path = tempRawPath("umockdev");
-        callOn(engine.loop(), [&] {
-            device = ScanDevice::scanDeviceWithUSBDevice(
+        DeviceSession session;
+        session.on([&] {
+            session.device = ScanDevice::scanDeviceWithUSBDevice(
                 kScannerProductID, USBDevice::libusbDeviceWithVid(kScannerVendorID, kScannerProductID, std::nullopt),
-                center);
+                session.center);
         });
-        ASSERT_TRUE(device) << "libusb did not find the emulated scanner";
-        ASSERT_EQ(callOn(engine.loop(), [&] { return device->openSession(); }), 0);
-        auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (!callOn(engine.loop(), [&] { return device->isSessionOpen(); }) &&
-               std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(1ms);
-        int started = callOn(engine.loop(), [&] {
-            if (int r = device->lockScanner()) return r;
-            device->setColorType(kColorTypeColor);
-            device->setResolution(150);
-            device->setOutputFile(path);
-            return device->startScanWithCrop({1.0f, 3.5f, 2.0f, 1.0f});
-        });
-        ASSERT_EQ(started, 0);
-        EXPECT_EQ(log.wait(), "ScanCompletedNotification");
-        expectChartScan(path, true, 150, 100, 350, 300, 150);
-        callOn(engine.loop(), [&] {
-            device->closeSession();
-            device.reset();
-        });
+        ASSERT_TRUE(session.device) << "libusb did not find the emulated scanner";
+        session.openSession();
+        ASSERT_EQ(session.start({1.0f, 3.5f, 2.0f, 1.0f}, kColorTypeColor, 150), 0);
+        EXPECT_EQ(session.log.wait(), "ScanCompletedNotification");
+        expectChartScan(session.path, 150, {100, 350}, 300, 150);
+        session.close();
         EXPECT_FALSE(model->isLocked());
-        ::unlink(path.c_str());
     }
     umockdev_testbed_detach_ioctl(testbed, kDevNode, nullptr);
     g_object_unref(handler);

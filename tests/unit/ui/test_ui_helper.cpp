@@ -309,15 +309,12 @@ TEST(UiMode, ChosenFromTheEnvironment)
         std::optional<std::string> ui, display, wayland;
         Mode mode;
     };
+    const auto none = std::nullopt;
     const Case cases[] = {
-        {std::nullopt, std::nullopt, std::nullopt, Mode::Headless},
-        {std::nullopt, ":0", std::nullopt, Mode::Helper},
-        {std::nullopt, std::nullopt, "wayland-0", Mode::Helper},
-        {std::nullopt, "", std::nullopt, Mode::Headless},
-        {"headless", ":0", std::nullopt, Mode::Headless},
-        {"headless-cancel", ":0", std::nullopt, Mode::HeadlessCancel},
-        {"helper", std::nullopt, std::nullopt, Mode::Helper},
-        {"bogus", ":0", std::nullopt, Mode::Helper},
+        {none, none, none, Mode::Headless},           {none, ":0", none, Mode::Helper},
+        {none, none, "wayland-0", Mode::Helper},      {none, "", none, Mode::Headless},
+        {"headless", ":0", none, Mode::Headless},     {"headless-cancel", ":0", none, Mode::HeadlessCancel},
+        {"helper", none, none, Mode::Helper},         {"bogus", ":0", none, Mode::Helper},
     };
     for (const Case& c : cases) {
         test::ScopedEnv ui("ZENTARY_UI", c.ui), display("DISPLAY", c.display), wayland("WAYLAND_DISPLAY", c.wayland);
