@@ -63,7 +63,12 @@ void jpegFail(j_common_ptr info)
 {
     std::longjmp(reinterpret_cast<JpegFailure*>(info->err)->jump, 1);
 }
-void jpegQuiet(j_common_ptr, int) {}
+// A warning is corrupt or missing data, which libjpeg would paint over in
+// gray: refuse the picture instead of scanning half of it.
+void jpegQuiet(j_common_ptr info, int level)
+{
+    if (level < 0) jpegFail(info);
+}
 
 }  // namespace
 
@@ -181,7 +186,7 @@ struct PageImageDecoders {
         auto page = make(width, height, channels, maximumPixels, error);
         if (!page) return nullptr;
         TIFFRGBAImage reader{};
-        if (!TIFFRGBAImageBegin(&reader, tiff.get(), 0, message)) {
+        if (!TIFFRGBAImageBegin(&reader, tiff.get(), 1, message)) {  // stop at a broken strip
             *error = "not a readable TIFF";
             return nullptr;
         }

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include <cstring>
+#include <fstream>
 
 #include "Documents.h"
 #include "ImageOutput.h"
@@ -103,6 +104,52 @@ TEST(PageImage, PicturesAreFittedToTheGlassFromTheCorner)
         EXPECT_EQ(page->column(c.glassX), c.column) << c.width << "x" << c.height;
         EXPECT_EQ(page->row(c.glassY), c.row) << c.width << "x" << c.height;
         EXPECT_EQ(page->gray(0, page->row(c.glassY)), c.row < std::uint32_t(c.height) ? c.row % 256 : 255);
+    }
+}
+
+TEST(PageImage, EveryFormatGivesThePicturesPixels)
+{
+    // One gray ramp picture, rewritten by ImageMagick in each form a user may
+    // put on the glass; JPEG may be off by a little, the others not at all.
+    test::ScratchDir scratch;
+    auto image = OffscreenImage::create(8, Rect{0, 0, 300, 200});
+    ASSERT_TRUE(image);
+    for (int y = 0; y < 300; ++y) std::memset(image->row(y), y % 256, 200);
+    std::string png = scratch.file("ramp.png"), error;
+    ASSERT_TRUE(writePng(*image, png));
+    struct Case {
+        const char* name;
+        const char* options;
+        int tolerance;
+    } cases[] = {
+        {"strips.tif", "-compress none", 0},           {"lzw.tif", "-compress lzw -type TrueColor", 0},
+        {"tiles.tif", "-define tiff:tile-geometry=64x64", 0}, {"alpha.tif", "-alpha set", 0},
+        {"gray.jpg", "-quality 100", 2},               {"rgb.jpg", "-quality 100 -type TrueColor", 2},
+        {"rgba.png", "-alpha set -type TrueColorAlpha", 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string path = scratch.file(c.name);
+        test::commandOutput("convert '" + png + "' " + c.options + " '" + path + "' 2>&1");
+        auto page = PageImage::load(path, &error);
+        ASSERT_TRUE(page) << error;
+        ASSERT_EQ(page->width(), 200u);
+        ASSERT_EQ(page->height(), 300u);
+        for (std::uint32_t y : {0u, 1u, 128u, 255u, 299u})
+            for (std::uint32_t x : {0u, 199u}) {
+                EXPECT_NEAR(page->gray(x, y), int(y % 256), c.tolerance) << x << "," << y;
+                EXPECT_NEAR(page->color(x, y).g, int(y % 256), c.tolerance) << x << "," << y;
+            }
+    }
+    // Anything else is refused with a reason, never half read.
+    std::string bytes = test::readFile(scratch.file("strips.tif"));
+    for (std::string broken : {std::string("plain text"), bytes.substr(0, bytes.size() / 2),
+                               test::readFile(scratch.file("gray.jpg")).substr(0, 200)}) {
+        SCOPED_TRACE(broken.size());
+        std::string path = scratch.file("broken"), why;
+        std::ofstream(path, std::ios::binary) << broken;
+        EXPECT_FALSE(PageImage::load(path, &why));
+        EXPECT_FALSE(why.empty());
     }
 }
 
