@@ -186,36 +186,49 @@ bool serialMatches(libusb_device_handle* handle, const libusb_device_descriptor&
 
 namespace {
 
-// The first matching device that opens; `location`, when given, must match too.
-std::unique_ptr<UsbDeviceBackend> openMatching(std::uint16_t vid, std::uint16_t pid,
-                                               const std::optional<std::string>& serialNumber,
-                                               const std::optional<UsbLocation>& location)
+// Calls `visit` with each device of vid:pid (and the context it lives in,
+// for a device that is opened and kept) until it returns true.
+template <typename Visit>
+void visitMatching(std::uint16_t vid, std::uint16_t pid, Visit visit)
 {
     libusb_context* rawContext = nullptr;
-    if (libusb_init(&rawContext) != LIBUSB_SUCCESS) return nullptr;
+    if (libusb_init(&rawContext) != LIBUSB_SUCCESS) return;
     ContextPtr context(rawContext, ContextDeleter());
 
     libusb_device** rawList = nullptr;
     ssize_t count = libusb_get_device_list(rawContext, &rawList);
-    if (count < 0) return nullptr;
+    if (count < 0) return;
     std::unique_ptr<libusb_device*, DeviceListDeleter> list(rawList);
 
     for (ssize_t i = 0; i < count; ++i) {
         libusb_device_descriptor descriptor;
         if (libusb_get_device_descriptor(rawList[i], &descriptor) != LIBUSB_SUCCESS) continue;
         if (descriptor.idVendor != vid || descriptor.idProduct != pid) continue;
-        if (location && (libusb_get_bus_number(rawList[i]) != location->bus ||
-                         libusb_get_device_address(rawList[i]) != location->address))
-            continue;
+        if (visit(rawList[i], descriptor, context)) return;
+    }
+}
+
+// The first matching device that opens; `location`, when given, must match too.
+std::unique_ptr<UsbDeviceBackend> openMatching(std::uint16_t vid, std::uint16_t pid,
+                                               const std::optional<std::string>& serialNumber,
+                                               const std::optional<UsbLocation>& location)
+{
+    std::unique_ptr<UsbDeviceBackend> opened;
+    visitMatching(vid, pid, [&](libusb_device* candidate, const libusb_device_descriptor& descriptor,
+                                const ContextPtr& context) {
+        if (location && (libusb_get_bus_number(candidate) != location->bus ||
+                         libusb_get_device_address(candidate) != location->address))
+            return false;
         libusb_device_handle* rawHandle = nullptr;
-        if (libusb_open(rawList[i], &rawHandle) != LIBUSB_SUCCESS) continue;
+        if (libusb_open(candidate, &rawHandle) != LIBUSB_SUCCESS) return false;
         auto device = std::make_shared<OpenDevice>();
         device->context = context;
         device->handle.reset(rawHandle);
-        if (serialNumber && !serialMatches(rawHandle, descriptor, *serialNumber)) continue;
-        return std::make_unique<LibusbDevice>(std::move(device));
-    }
-    return nullptr;
+        if (serialNumber && !serialMatches(rawHandle, descriptor, *serialNumber)) return false;
+        opened = std::make_unique<LibusbDevice>(std::move(device));
+        return true;
+    });
+    return opened;
 }
 
 }  // namespace
@@ -234,19 +247,10 @@ std::unique_ptr<UsbDeviceBackend> openLibusbDeviceAt(std::uint16_t vid, std::uin
 std::vector<UsbLocation> listLibusbDevices(std::uint16_t vid, std::uint16_t pid)
 {
     std::vector<UsbLocation> found;
-    libusb_context* rawContext = nullptr;
-    if (libusb_init(&rawContext) != LIBUSB_SUCCESS) return found;
-    ContextPtr context(rawContext, ContextDeleter());
-    libusb_device** rawList = nullptr;
-    ssize_t count = libusb_get_device_list(rawContext, &rawList);
-    if (count < 0) return found;
-    std::unique_ptr<libusb_device*, DeviceListDeleter> list(rawList);
-    for (ssize_t i = 0; i < count; ++i) {
-        libusb_device_descriptor descriptor;
-        if (libusb_get_device_descriptor(rawList[i], &descriptor) != LIBUSB_SUCCESS) continue;
-        if (descriptor.idVendor == vid && descriptor.idProduct == pid)
-            found.push_back({libusb_get_bus_number(rawList[i]), libusb_get_device_address(rawList[i])});
-    }
+    visitMatching(vid, pid, [&](libusb_device* device, const libusb_device_descriptor&, const ContextPtr&) {
+        found.push_back({libusb_get_bus_number(device), libusb_get_device_address(device)});
+        return false;
+    });
     return found;
 }
 
