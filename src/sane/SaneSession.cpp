@@ -308,10 +308,10 @@ SANE_Status SaneSession::startOnLoop()
         mLoop.runUntil([this] { return mCancelRequested.load(); }, RunLoop::Clock::now() + kWarmUpPoll);
     }
     if (result != 0) {
-        std::lock_guard<std::mutex> guard(mMutex);
-        mScanEnded = true;
-    }
-    if (result != 0) {
+        {
+            std::lock_guard<std::mutex> guard(mMutex);
+            mScanEnded = true;
+        }
         mScanner->unlockScanner();
         debug(kDebugError, "the scanner refused the scan (library code %d)", result);
         if (mCancelRequested.load()) return SANE_STATUS_CANCELLED;
