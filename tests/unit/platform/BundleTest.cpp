@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <climits>
 #include <unistd.h>
 
@@ -155,6 +156,24 @@ TEST(Bundle, PreferredLanguagesAsGettextReadsThem)
             lang("LANG", c.lang);
         EXPECT_EQ(Bundle::preferredLanguages(), c.expected);
     }
+}
+
+// Every shipped language has exactly the English keys, each with a text: a
+// missing key shows English, an extra one translates nothing.
+TEST(Bundle, EveryShippedLanguageHasExactlyTheEnglishKeys)
+{
+    auto keysOf = [](const std::string& language) {
+        auto table = parseStringsTable(test::readFile(test::bundlePath() / "Resources" / (language + ".lproj") /
+                                                      "Localizable.strings"));
+        std::vector<std::string> keys;
+        for (const auto& [key, text] : table.value_or(Table()))
+            if (!text.empty()) keys.push_back(key);
+        return keys;
+    };
+    std::vector<std::string> english = keysOf("en");
+    EXPECT_EQ(std::count(english.begin(), english.end(), "Cancelling..."), 1);
+    for (const char* language : {"de", "fr", "es", "it", "pt_BR", "ja", "zh_Hans"})
+        EXPECT_EQ(keysOf(language), english) << language;
 }
 
 }  // namespace
