@@ -82,22 +82,6 @@ TEST_F(DataSourceTest, TripletsWithoutAnEngineFailWithTheirCodes)
     }
 }
 
-TEST_F(DataSourceTest, OpenTwiceFailsAndLeavesTheFirstSessionAlone)
-{
-    auto source = loadSource();
-    ASSERT_EQ(source->open(), TWRC_SUCCESS) << source->conditionCode();
-    EXPECT_EQ(test::failCode(*source, source->call(DG_CONTROL, DAT_IDENTITY, MSG_OPENDS, &source->source())),
-              TWCC_SEQERROR);
-
-    TW_UINT32 group = 0;
-    EXPECT_EQ(source->call(DG_CONTROL, DAT_XFERGROUP, MSG_GET, &group), TWRC_SUCCESS);
-    EXPECT_EQ(group, DG_IMAGE);
-    EXPECT_EQ(source->close(), TWRC_SUCCESS);
-    EXPECT_EQ(test::failCode(*source, source->close()), TWCC_SEQERROR);
-    // Opening again after a close works: the single instance was released.
-    EXPECT_EQ(source->open(), TWRC_SUCCESS);
-}
-
 TEST_F(DataSourceTest, OpenWithoutAScannerShowsAlertTwo)
 {
     ScopedEnv noEmulator("ZENTARY_SCANNER", std::nullopt);

@@ -29,19 +29,6 @@ protected:
     std::string path(const char* name) const { return scratch(name).string(); }
 };
 
-TEST_F(FileSetupTest, TheDefaultTargetIsInTheTemporaryFolder)
-{
-    for (TW_UINT16 message : {MSG_GET, MSG_GETDEFAULT}) {
-        ASSERT_EQ(call2(message), TWRC_SUCCESS);
-        EXPECT_EQ(std::string(mName), path("ZentaryScan.tmp"));
-        EXPECT_EQ(std::tuple(TW_UINT16(mFile.Format), TW_INT16(mFile.VRefNum), TW_UINT32(mFile.ParID)),
-                  std::tuple(TWFF_TIFF, 0, 0u));
-        TW_SETUPFILEXFER shortForm{};
-        ASSERT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, message, &shortForm), TWRC_SUCCESS);
-        EXPECT_EQ(std::string(shortForm.FileName), path("ZentaryScan.tmp"));
-    }
-}
-
 TEST_F(FileSetupTest, SettingATargetCreatesOrEmptiesIt)
 {
     std::ofstream(path("full.tif")) << "old contents";
@@ -86,24 +73,6 @@ TEST_F(FileSetupTest, AnotherUsersFileInASharedFolderIsLeftAlone)
     ASSERT_EQ(chown(path("shared/ZentaryScan.tmp").c_str(), 65534, 65534), 0);
     EXPECT_EQ(test::failCode(*mSource, call2(MSG_SET, path("shared/ZentaryScan.tmp"))), TWCC_BADVALUE);
     EXPECT_EQ(std::filesystem::file_size(path("shared/ZentaryScan.tmp")), 6u);
-}
-
-TEST_F(FileSetupTest, MessagesAndMechanismsAreChecked)
-{
-    EXPECT_EQ(test::failCode(*mSource, mSource->call(DG_CONTROL, DAT_SETUPFILEXFER2, MSG_GET, nullptr)),
-              TWCC_BADVALUE);
-    EXPECT_EQ(test::failCode(*mSource, call2(MSG_GETCURRENT)), TWCC_BADPROTOCOL);
-    // The short form goes with TWSX_FILE, the long one with TWSX_FILE2.
-    TW_SETUPFILEXFER shortForm{};
-    std::strcpy(shortForm.FileName, path("short.tif").c_str());
-    EXPECT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &shortForm), TWRC_FAILURE);
-    ASSERT_EQ(test::setOneValue(*mSource, ICAP_XFERMECH, TWTY_UINT16, TWSX_FILE), TWRC_SUCCESS);
-    EXPECT_EQ(mSource->call(DG_CONTROL, DAT_SETUPFILEXFER, MSG_SET, &shortForm), TWRC_SUCCESS);
-    EXPECT_TRUE(std::filesystem::exists(path("short.tif")));
-    EXPECT_EQ(call2(MSG_SET, path("long.tif")), TWRC_FAILURE);
-    // Reset brings back the default target and format.
-    EXPECT_EQ(call2(MSG_RESET), TWRC_SUCCESS);
-    EXPECT_EQ(std::string(mName), path("ZentaryScan.tmp"));
 }
 
 }  // namespace

@@ -10,51 +10,6 @@ namespace {
 using namespace twain;
 using C = Capabilities;
 
-TEST(TwainMessages, EveryMessageAnswersWithItsContainerAndCode)
-{
-    auto store = realStore();
-    ASSERT_TRUE(store);
-    struct Row {
-        const char* what;
-        TW_UINT16 cap;
-        Message message;
-        TW_UINT16 rc, cc, conType;
-        std::size_t size;  // handle bytes, 0 when none
-    };
-    const Row rows[] = {
-        {"enumeration get", ICAP_PIXELTYPE, &C::getTwain, 0, 0, TWON_ENUMERATION, 15 + 2 * 2},
-        {"enumeration current", ICAP_PIXELTYPE, &C::getCurrentTwain, 0, 0, TWON_ONEVALUE, 6},
-        {"enumeration default", ICAP_PIXELTYPE, &C::getDefaultTwain, 0, 0, TWON_ONEVALUE, 6},
-        {"enumeration reset", ICAP_PIXELTYPE, &C::resetTwain, 0, 0, TWON_ONEVALUE, 6},
-        {"fix32 enumeration get", ICAP_XRESOLUTION, &C::getTwain, 0, 0, TWON_ENUMERATION, 15 + 4 * 4},
-        {"one-value get", ICAP_PHYSICALWIDTH, &C::getTwain, 0, 0, TWON_ONEVALUE, 6},
-        {"frame one-value", ICAP_FRAMES, &C::getCurrentTwain, 0, 0, TWON_ONEVALUE, 2 + 16},
-        {"bit order", ICAP_BITORDER, &C::getTwain, 0, 0, TWON_ENUMERATION, 15 + 2},
-        {"get-only set", ICAP_PHYSICALWIDTH, &C::setTwain, 1, TWCC_BADVALUE, 0, 0},  // null container first
-        {"get-only reset", ICAP_PHYSICALWIDTH, &C::resetTwain, 1, TWCC_CAPBADOPERATION, 0, 0},
-        {"array get", CAP_SUPPORTEDCAPS, &C::getTwain, 0, 0, TWON_ARRAY, 7 + 21 * 2},
-        {"array default", CAP_SUPPORTEDCAPS, &C::getDefaultTwain, 0, 0, TWON_ARRAY, 7 + 21 * 2},
-        {"array reset", CAP_SUPPORTEDCAPS, &C::resetTwain, 1, TWCC_CAPBADOPERATION, 0, 0},
-        {"query", CAP_SUPPORTEDCAPS, &C::querySupportTwain, 0, 0, TWON_ONEVALUE, 6},
-        {"unknown get", 0x9999, &C::getTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
-        {"unknown current", 0x9999, &C::getCurrentTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
-        {"unknown default", 0x9999, &C::getDefaultTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
-        {"unknown reset", 0x9999, &C::resetTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
-        {"unknown query", 0x9999, &C::querySupportTwain, 1, TWCC_CAPUNSUPPORTED, 0, 0},
-        {"unknown set, null container", 0x9999, &C::setTwain, 1, TWCC_BADVALUE, 0, 0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        auto r = send(*store, row.message, row.cap);
-        EXPECT_EQ(r.rc, row.rc);
-        EXPECT_EQ(r.cc, row.cc);
-        if (row.rc == TWRC_SUCCESS) {
-            EXPECT_EQ(r.conType, row.conType);
-        }
-        EXPECT_EQ(r.bytes.size(), row.size);
-    }
-}
-
 TEST(TwainMessages, ContainersCarryTheValuesInTheLinuxLayout)
 {
     auto store = realStore();
@@ -170,18 +125,6 @@ TEST(TwainMessages, ResolutionSetsTheSquarePixelAndReadirisSendsSixteenDotSixtee
     auto reset = send(*store, &C::resetTwain, ICAP_PIXELTYPE);
     EXPECT_EQ(reset.u32(2), TWPT_RGB);
     EXPECT_EQ(store->currentValue(ICAP_BITDEPTH), CapabilityValue(24));
-}
-
-TEST(TwainMessages, ValueInterfaceRefusesWhatNoContainerCouldCarry)
-{
-    auto store = realStore();
-    EXPECT_EQ(store->setCurrentValue(0x9999, 1), TWCC_BUMMER);
-    EXPECT_EQ(store->setCurrentValue(ICAP_XRESOLUTION, 600), TWCC_BADVALUE);
-    EXPECT_EQ(store->setCurrentValue(ICAP_PIXELTYPE, CapabilityValue::fix32(1, 0)), TWCC_BADVALUE);
-    EXPECT_EQ(store->setCurrentValue(ICAP_IMAGEFILEFORMAT, TWFF_JFIF), TWCC_SUCCESS);
-    EXPECT_EQ(store->defaultValue(ICAP_IMAGEFILEFORMAT), CapabilityValue(TWFF_TIFF));
-    EXPECT_FALSE(store->currentValue(0x9999));
-    EXPECT_EQ(store->currentValue(ICAP_PHYSICALHEIGHT), CapabilityValue::fix32(11, 45875));
 }
 
 }  // namespace

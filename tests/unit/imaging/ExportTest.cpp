@@ -42,36 +42,6 @@ std::string exported(const test::ScratchDir& dir, const RawShape& shape, std::ui
     return saved ? path : std::string();
 }
 
-TEST(PackBits, MatchesHandPackedRows) {
-    const Bytes literal129 = [] {
-        Bytes b(129);
-        for (int i = 0; i < 129; ++i) b[i] = static_cast<std::uint8_t>(i);
-        return b;
-    }();
-    Bytes literal129Packed{127};
-    literal129Packed.insert(literal129Packed.end(), literal129.begin(), literal129.begin() + 128);
-    literal129Packed.insert(literal129Packed.end(), {0, 128});
-    const struct {
-        Bytes in, out;
-    } cases[] = {
-        {{}, {}},
-        {{7}, {0, 7}},
-        {{7, 7}, {0xFF, 7}},
-        // The classic example from Apple's PackBits note.
-        {{0xAA, 0xAA, 0xAA, 0x80, 0x00, 0x2A, 0xAA, 0xAA, 0xAA, 0xAA, 0x80, 0x00, 0x2A, 0x22, 0xAA, 0xAA, 0xAA, 0xAA,
-          0xAA, 0xAA, 0xAA, 0xAA, 0xAA, 0xAA},
-         {0xFE, 0xAA, 0x02, 0x80, 0x00, 0x2A, 0xFD, 0xAA, 0x03, 0x80, 0x00, 0x2A, 0x22, 0xF7, 0xAA}},
-        {{1, 2, 2, 3}, {3, 1, 2, 2, 3}},  // a pair inside a literal stays literal
-        {Bytes(130, 9), {0x81, 9, 0xFF, 9}},
-        {literal129, literal129Packed},
-    };
-    for (const auto& c : cases) {
-        Bytes out(packBitsBound(c.in.size()));
-        out.resize(packBits(c.in, out.data()));
-        EXPECT_EQ(out, c.out) << "input of " << c.in.size() << " bytes";
-    }
-}
-
 // Unpacks and checks every packet stays within the input it describes.
 Bytes unpackBits(const Bytes& packed) {
     Bytes out;

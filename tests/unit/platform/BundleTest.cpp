@@ -54,23 +54,6 @@ TEST(Bundle, FoundThroughEnvironmentOnlyWithItsIdentifier)
     }
 }
 
-// Without ZENTARY_BUNDLE the bundle is "<object>.bundle" beside the object
-// that holds the code; here that object is the test executable.
-TEST(Bundle, FoundBesideTheObjectThatHoldsTheCode)
-{
-    char exe[PATH_MAX] = {};
-    ssize_t length = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
-    ASSERT_GT(length, 0);
-    std::filesystem::path self(exe);
-    auto dir = self.parent_path() / (self.stem().string() + ".bundle");
-    writeFile(dir / "Info.plist", infoPlist(kIdentifier));
-    ScopedEnv env("ZENTARY_BUNDLE", std::nullopt);
-    auto bundle = Bundle::withIdentifier(kIdentifier);
-    std::filesystem::remove_all(dir);
-    ASSERT_TRUE(bundle);
-    EXPECT_EQ(bundle->path(), dir);
-}
-
 TEST(StringsTable, Parses)
 {
     const std::pair<std::string, std::optional<Table>> cases[] = {

@@ -101,18 +101,6 @@ protected:
 
 enum { kMode = 2, kResolution = 3, kPreview = 4, kTlX = 6, kBrX = 8 };
 
-// The options' names, values and ranges as frontends show them: the
-// scanimage test.
-TEST_F(SaneBackendTest, OnlyTheEmulatorIsListedWithoutUsb)
-{
-    ScopedEnv scanner("ZENTARY_SCANNER", "emulator");
-    const SANE_Device** devices = nullptr;
-    ASSERT_EQ(api.get_devices(&devices, SANE_TRUE), SANE_STATUS_GOOD);
-    ASSERT_NE(devices[0], nullptr);
-    EXPECT_STREQ(devices[0]->name, "emulator");
-    EXPECT_EQ(devices[1], nullptr);
-}
-
 TEST_F(SaneBackendTest, BadInputGivesStatusCodes)
 {
     SANE_Handle h = openEmulator();

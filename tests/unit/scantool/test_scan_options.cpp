@@ -78,35 +78,6 @@ TEST(ScanOptions, PagePatternsHoldExactlyOneNumber)
     }
 }
 
-TEST(PageImage, PicturesAreFittedToTheGlassFromTheCorner)
-{
-    // Glass 10200 x 14040 units. The side that meets the glass's edge first
-    // sets the scale; beyond the picture the glass is white.
-    struct Case {
-        int width, height;
-        std::uint32_t glassX, glassY, column, row;
-    } cases[] = {
-        {2550, 3300, 4, 13199, 1, 3299},     // letter at 300 dpi: exactly a quarter
-        {2550, 3300, 10199, 13200, 2549, 3300},
-        {1000, 2808, 4999, 14039, 999, 2807}, // taller than the glass: a fifth
-        {1000, 2808, 5000, 0, 1000, 0},
-        {30, 10, 10199, 3399, 29, 9},
-    };
-    test::ScratchDir scratch;
-    for (const Case& c : cases) {
-        auto image = OffscreenImage::create(8, Rect{0, 0, std::int16_t(c.height), std::int16_t(c.width)});
-        ASSERT_TRUE(image);
-        for (int y = 0; y < c.height; ++y) std::memset(image->row(y), y % 256, std::size_t(c.width));
-        std::string path = scratch.file("page.png"), error;
-        ASSERT_TRUE(writePng(*image, path));
-        auto page = PageImage::load(path, &error);
-        ASSERT_TRUE(page) << error;
-        EXPECT_EQ(page->column(c.glassX), c.column) << c.width << "x" << c.height;
-        EXPECT_EQ(page->row(c.glassY), c.row) << c.width << "x" << c.height;
-        EXPECT_EQ(page->gray(0, page->row(c.glassY)), c.row < std::uint32_t(c.height) ? c.row % 256 : 255);
-    }
-}
-
 TEST(PageImage, EveryFormatGivesThePicturesPixels)
 {
     // One gray ramp picture, rewritten by ImageMagick in each form a user may
