@@ -181,52 +181,5 @@ TEST_F(ScanCycleTest, NoRoomForTheScanTellsTheUserAndAsksToClose)
     EXPECT_EQ(source->close(), TWRC_SUCCESS);
 }
 
-TEST_F(ScanCycleTest, ClientCallbacksMayFailOrReenterTheSource)
-{
-    for (const Client& client : {kGeneric, kImageCapture}) {
-        SCOPED_TRACE(client.product);
-        auto source = openAs(client.manufacturer, client.product);
-        ASSERT_TRUE(source);
-        std::optional<TW_UINT16> countInCallback;
-        DataSourceManager* raw = source.get();
-        source->onMessage = [&countInCallback, raw](TW_UINT16 message) {
-            if (message == MSG_XFERREADY) {
-                TW_UINT16 count = 0;
-                test::pending(*raw, MSG_GET, &count);  // re-entry from inside the callback
-                countInCallback = count;
-            }
-            return TWRC_FAILURE;  // and the callback itself fails
-        };
-        ASSERT_EQ(test::enable(*source, true), TWRC_SUCCESS);
-        ASSERT_EQ(source->waitForMessage(kScanTimeout), std::optional<TW_UINT16>(MSG_XFERREADY));
-        EXPECT_EQ(countInCallback, std::optional<TW_UINT16>(1)) << "state 6 comes before the message";
-        source->onMessage = nullptr;
-        EXPECT_EQ(test::pending(*source, MSG_RESET), TWRC_SUCCESS);
-        EXPECT_EQ(test::disable(*source), TWRC_SUCCESS);
-    }
-}
-
-TEST_F(ScanCycleTest, ClosingOrUnloadingDuringAScanLeavesNothingBehind)
-{
-    // A slow scanner, so that the scan is still running when the client goes.
-    ScopedEnv slow("ZENTARY_SCANNER", "emulator:mbps=2");
-    int threadsBefore = test::threadCount();
-    for (bool unload : {false, true}) {
-        SCOPED_TRACE(unload ? "unload" : "close");
-        auto source = openAs(kGeneric.manufacturer, kGeneric.product);
-        ASSERT_TRUE(source);
-        ASSERT_EQ(test::enable(*source, false), TWRC_SUCCESS);
-        for (int i = 0; i < 100 && rawFiles() == 0; ++i) std::this_thread::sleep_for(50ms);
-        ASSERT_EQ(rawFiles(), 1);
-        if (unload)
-            source->closeOnDestroy = false;
-        else
-            EXPECT_EQ(source->close(), TWRC_SUCCESS);
-        source.reset();
-        EXPECT_EQ(rawFiles(), 0);
-    }
-    EXPECT_EQ(test::threadCount(), threadsBefore);
-}
-
 }  // namespace
 }  // namespace zentary

@@ -77,67 +77,6 @@ TEST(Definitions, ChangesPropagateDepthFirstAndFailuresRestoreOnlyTheChangedValu
     }
 }
 
-TEST(Definitions, ClientNarrowsAndResetRestores)
-{
-    TempModel model(chainModel());
-    auto store = model.load();
-    ASSERT_TRUE(store);
-    auto narrow = [&](std::vector<std::uint32_t> items, std::uint32_t current) {
-        return set(*store, B, TWON_ENUMERATION, enumeration(TWTY_UINT16, items, current)).cc;
-    };
-    EXPECT_EQ(narrow({3, 2}, 0), TWCC_SUCCESS);
-    EXPECT_EQ(store->currentValidValues(B), nums({3, 2}));
-    EXPECT_EQ(store->defaultValue(B), V(3));  // 1 was excluded: the client's first value
-    EXPECT_EQ(store->currentValue(Cc), V(30));
-    EXPECT_EQ(store->setCurrentValue(B, 1), TWCC_BADVALUE);
-    EXPECT_EQ(narrow({2, 3, 2}, 0), TWCC_SUCCESS);
-    EXPECT_EQ(store->currentValidValues(B), nums({3, 2}));  // same set: our order stays
-    EXPECT_EQ(narrow({2, 5}, 0), TWCC_BADVALUE);
-    EXPECT_EQ(narrow({}, 0), TWCC_BUMMER);
-
-    auto reset = send(*store, &C::resetTwain, B);
-    EXPECT_EQ(reset.rc, TWRC_SUCCESS);
-    EXPECT_EQ(reset.u32(2), 4u);
-    EXPECT_EQ(store->currentValidValues(B), nums({1, 2, 3, 4}));
-    EXPECT_EQ(store->defaultValue(B), V(1));
-    EXPECT_EQ(store->currentValue(Cc), V(40));
-
-    EXPECT_EQ(narrow({1, 2}, 1), TWCC_SUCCESS);
-    EXPECT_EQ(store->setCurrentValue(A, 2), TWCC_SUCCESS);  // a new state replaces the narrowing
-    EXPECT_EQ(store->currentValidValues(B), nums({1, 2, 3}));
-    // Power-on 4 is not valid with A=2: the client only hears the reset failed.
-    auto refused = send(*store, &C::resetTwain, B);
-    EXPECT_EQ(refused.cc, TWCC_CAPBADOPERATION);
-    EXPECT_EQ(store->currentValue(B), V(2));
-}
-
-TEST(Definitions, ArraysRoundTripEveryItemWidth)
-{
-    TempModel model(chainModel());
-    auto store = model.load();
-    ASSERT_TRUE(store);
-    std::vector<std::uint32_t> fixes = {fix(-2, 1), fix(0), fix(150, 32768), fix(32767, 65535), fix(-32768)};
-    ASSERT_EQ(set(*store, FixArray, TWON_ARRAY, array(TWTY_FIX32, fixes)).rc, TWRC_SUCCESS);
-    EXPECT_EQ(store->currentValue(FixArray)->items()[2], V::fix32(150, 32768));
-    auto got = send(*store, &C::getCurrentTwain, FixArray);
-    ASSERT_EQ(got.bytes.size(), 7u + 5 * 4);
-    for (std::size_t i = 0; i < fixes.size(); ++i) EXPECT_EQ(got.u32(6 + 4 * i), fixes[i]);
-
-    auto bools = send(*store, &C::getTwain, BoolArray).bytes;
-    ASSERT_EQ(bools.size(), 7u + 2 * 2);
-    bools.resize(10);  // the record's one-item list is the handle's last byte
-    EXPECT_EQ(bools, array(TWTY_BOOL, {1, 0}));
-    auto empty = send(*store, &C::getDefaultTwain, BoolArray);
-    EXPECT_EQ(std::pair(empty.bytes.size(), empty.u32(2)), std::pair(std::size_t(8), 0u));
-
-    // Booleans have no enumeration, either way; their one-value still answers.
-    EXPECT_EQ(send(*store, &C::getTwain, BoolEnum).cc, TWCC_BUMMER);
-    EXPECT_EQ(send(*store, &C::getCurrentTwain, BoolEnum).u32(2), 1u);
-    EXPECT_EQ(set(*store, BoolEnum, TWON_ENUMERATION, enumeration(TWTY_BOOL, {0, 1}, 0)).cc, TWCC_BUMMER);
-    // An array NumItems that passes the handle's end.
-    EXPECT_EQ(set(*store, FixArray, TWON_ARRAY, array(TWTY_FIX32, {fix(1)}, 3)).cc, TWCC_BADVALUE);
-}
-
 TEST(Definitions, BrokenFilesAreRefusedWithTheReason)
 {
     const std::string ok = entry(ints({1}), ints({1}));

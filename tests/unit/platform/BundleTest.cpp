@@ -25,35 +25,6 @@ std::string infoPlist(const std::string& identifier)
                           "<key>Number</key><integer>3</integer></dict>");
 }
 
-TEST(Bundle, FoundThroughEnvironmentOnlyWithItsIdentifier)
-{
-    struct Case {
-        std::optional<std::string> info;  // Info.plist contents; nothing: no file
-        bool found;
-    };
-    const Case cases[] = {
-        {infoPlist(kIdentifier), true},
-        {infoPlist("com.example.other"), false},
-        {infoPlist(kIdentifier + ".extra"), false},
-        {std::nullopt, false},
-        {test::xmlPlist("<array><string>x</string></array>"), false},
-        {"<?xml version=\"1.0\"?><plist><dict><key>", false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.info.value_or("(no file)"));
-        ScratchDir dir;
-        if (c.info) writeFile(dir.path() / "Info.plist", *c.info);
-        ScopedEnv env("ZENTARY_BUNDLE", dir.path().string());
-        auto bundle = Bundle::withIdentifier(kIdentifier);
-        ASSERT_EQ(bundle.has_value(), c.found);
-        if (!bundle) continue;
-        EXPECT_EQ(bundle->path(), dir.path());
-        EXPECT_EQ(bundle->resourcePath("Settings/A.plist"), dir.path() / "Resources/Settings/A.plist");
-        EXPECT_EQ(bundle->infoString("CFBundleVersion"), "45");
-        EXPECT_EQ(bundle->infoString("Number"), std::nullopt);  // not a string
-    }
-}
-
 TEST(StringsTable, Parses)
 {
     const std::pair<std::string, std::optional<Table>> cases[] = {

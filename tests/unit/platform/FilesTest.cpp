@@ -13,20 +13,6 @@ namespace {
 using test::ScopedEnv;
 using test::ScratchDir;
 
-TEST(Files, TemporaryDirectoryFromTmpdir)
-{
-    ScratchDir dir;
-    test::writeFile(dir.path() / "plain", "x");
-    const std::pair<std::optional<std::string>, std::filesystem::path> cases[] = {
-        {dir.path().string(), dir.path()},  {(dir.path() / "missing").string(), "/tmp"},
-        {(dir.path() / "plain").string(), "/tmp"}, {"", "/tmp"}, {std::nullopt, "/tmp"},
-    };
-    for (const auto& [tmpdir, expected] : cases) {
-        ScopedEnv env("TMPDIR", tmpdir);
-        EXPECT_EQ(files::temporaryDirectory(), expected) << tmpdir.value_or("(unset)");
-    }
-}
-
 TEST(Files, SystemVersionFromRelease)
 {
     const std::pair<const char*, std::array<int, 3>> cases[] = {

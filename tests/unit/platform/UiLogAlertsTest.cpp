@@ -36,31 +36,6 @@ TEST(UiLog, EscapesStrings)
               R"({"event":"dialog","big":-1099511627776,"shown":true,"list":["a\"","b"],"none":[]})");
 }
 
-TEST(UiLog, OneWholeLinePerEventFromConcurrentWriters)
-{
-    ScratchDir dir;
-    auto log = dir.path() / "ui.log";
-    {
-        ScopedEnv unset("ZENTARY_UI_LOG", std::nullopt);
-        uilog::write(JsonObject().add("event", "lost"));
-    }
-    ScopedEnv env("ZENTARY_UI_LOG", log.string());
-    // Long lines, so that a line split over several writes would show up as
-    // interleaving.
-    auto event = [](int t) { return JsonObject().add("thread", t).add("text", std::string(5000, char('a' + t))); };
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 200; ++i) uilog::write(event(t));
-        });
-    for (auto& thread : threads) thread.join();
-    std::set<std::string> expected;
-    for (int t = 0; t < 4; ++t) expected.insert(event(t).str());
-    auto lines = test::readLines(log);
-    ASSERT_EQ(lines.size(), 800u);
-    for (const auto& line : lines) ASSERT_TRUE(expected.count(line)) << line.substr(0, 80);
-}
-
 struct FixedPresenter : AlertPresenter {
     explicit FixedPresenter(int answer) : mAnswer(answer) {}
     int present(const AlertRequest&) override

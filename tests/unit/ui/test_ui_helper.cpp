@@ -302,25 +302,5 @@ TEST_F(HelperFixture, HelperThatStopsReadingIsKilledNotWaitedFor)
     EXPECT_EQ(helper.starts(), 2);
 }
 
-TEST(UiMode, ChosenFromTheEnvironment)
-{
-    using Mode = UserInterface::Mode;
-    struct Case {
-        std::optional<std::string> ui, display, wayland;
-        Mode mode;
-    };
-    const auto none = std::nullopt;
-    const Case cases[] = {
-        {none, none, none, Mode::Headless},           {none, ":0", none, Mode::Helper},
-        {none, none, "wayland-0", Mode::Helper},      {none, "", none, Mode::Headless},
-        {"headless", ":0", none, Mode::Headless},     {"headless-cancel", ":0", none, Mode::HeadlessCancel},
-        {"helper", none, none, Mode::Helper},         {"bogus", ":0", none, Mode::Helper},
-    };
-    for (const Case& c : cases) {
-        test::ScopedEnv ui("ZENTARY_UI", c.ui), display("DISPLAY", c.display), wayland("WAYLAND_DISPLAY", c.wayland);
-        EXPECT_EQ(UserInterface::modeFromEnvironment(), c.mode) << c.ui.value_or("-") << c.display.value_or("-");
-    }
-}
-
 }  // namespace
 }  // namespace zentary

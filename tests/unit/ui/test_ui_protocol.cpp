@@ -7,43 +7,6 @@
 namespace zentary {
 namespace {
 
-TEST(UiProtocol, MessagesSurviveTheRoundTrip)
-{
-    const UiMessage messages[] = {
-        UiMessage("hello").set("version", kUiProtocolVersion),
-        UiMessage("alert")
-            .set("id", std::int64_t{-9007199254740993})
-            .set("message", "Quote \" backslash \\ tab \t newline \n bell \x07 caf\xc3\xa9 \xf0\x9f\x93\xa0")
-            .set("buttons", std::vector<std::string>{"Apply", "Cancel", "Discard"})
-            .set("systemModal", true),
-        UiMessage("progress.update").set("progress", 0.5).set("whole", 2.0).set("tiny", 1e-300),
-        UiMessage("dialog.show").set("imageTypes", std::vector<std::string>{}).set("imageType", ""),
-        UiMessage(),
-    };
-    for (const UiMessage& message : messages) {
-        std::string line = message.encode();
-        EXPECT_EQ(line.find('\n'), std::string::npos) << line;
-        std::optional<UiMessage> back = UiMessage::decode(line);
-        ASSERT_TRUE(back) << line;
-        EXPECT_EQ(*back, message) << line;
-    }
-}
-
-TEST(UiProtocol, ReadsWhatItKeepsAndSkipsWhatItDoesNotKnow)
-{
-    std::optional<UiMessage> message = UiMessage::decode(
-        R"( {"type":"x", "n":-12, "r":2.5e1, "b":false, "list":["a","\u00e9\ud83d\udce0"],)"
-        R"( "later":{"nested":[1,{"deeper":null}]}, "mixed":[1,"a"], "nothing":null } )");
-    ASSERT_TRUE(message);
-    EXPECT_EQ(std::tuple(message->type(), message->integer("n"), message->number("r"), message->number("n"),
-                         message->boolean("b")),
-              std::tuple("x", std::optional<std::int64_t>(-12), std::optional(25.0), std::optional(-12.0),
-                         std::optional(false)));
-    EXPECT_EQ(message->strings("list"), (std::vector<std::string>{"a", "\xc3\xa9\xf0\x9f\x93\xa0"}));
-    for (const char* skipped : {"later", "mixed", "nothing"}) EXPECT_EQ(message->get(skipped), nullptr) << skipped;
-    EXPECT_EQ(message->string("n"), std::nullopt);  // wrong type reads as absent
-}
-
 TEST(UiProtocol, RefusesMalformedLines)
 {
     std::string deep = R"({"a":)" + std::string(kUiMaxDepth + 1, '[') + std::string(kUiMaxDepth + 1, ']') + "}";
