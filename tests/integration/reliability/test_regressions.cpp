@@ -41,6 +41,8 @@ TEST_F(Regressions, ReenablingBeforeTheTransferIsAnnouncedOrphansNothing)
         locked = locked || now;
         std::this_thread::sleep_for(1ms);
     }
+    // Every suite here trusts the lock file to show a scanner left reserved.
+    EXPECT_TRUE(locked) << "the emulator's lock file never appeared";
     ASSERT_EQ(test::disable(*source), TWRC_SUCCESS);
     ASSERT_EQ(test::enable(*source, false), TWRC_SUCCESS);
     std::this_thread::sleep_for(100ms);

@@ -5,7 +5,6 @@
 
 #include "imaging/ImageConvert.h"
 #include "imaging/ImageExport.h"
-#include "imaging/PackBits.h"
 #include "imaging/PictRecorder.h"
 #include "imaging/RawFileReader.h"
 #include "unit/imaging/RawFixture.h"
@@ -40,45 +39,6 @@ std::string exported(const test::ScratchDir& dir, const RawShape& shape, std::ui
     EXPECT_TRUE(saved);
     if (keep) *keep = std::move(image);
     return saved ? path : std::string();
-}
-
-// Unpacks and checks every packet stays within the input it describes.
-Bytes unpackBits(const Bytes& packed) {
-    Bytes out;
-    for (std::size_t i = 0; i < packed.size();) {
-        const std::uint8_t header = packed[i++];
-        if (header < 128) {
-            out.insert(out.end(), packed.begin() + i, packed.begin() + i + header + 1);
-            i += header + 1;
-        } else {
-            out.insert(out.end(), 257 - header, packed[i++]);
-        }
-    }
-    return out;
-}
-
-// Rows made of runs and literals of every length around the 16-byte steps
-// the packer takes, so each step boundary falls inside a run, at its start
-// and at its end.
-TEST(PackBits, RoundTripsRowsOfRunsAndNoise) {
-    std::uint32_t seed = 12345;
-    auto next = [&seed] { return (seed = seed * 1103515245u + 12345u) >> 16; };
-    for (int trial = 0; trial < 2000; ++trial) {
-        Bytes row;
-        const std::size_t target = next() % 700;
-        while (row.size() < target) {
-            const std::size_t length = 1 + next() % (next() % 4 == 0 ? 300 : 20);
-            if (next() % 2) {
-                row.insert(row.end(), length, static_cast<std::uint8_t>(next()));
-            } else {
-                for (std::size_t k = 0; k < length; ++k) row.push_back(static_cast<std::uint8_t>(next() % 3));
-            }
-        }
-        Bytes packed(packBitsBound(row.size()));
-        packed.resize(packBits(row, packed.data()));
-        ASSERT_LE(packed.size(), packBitsBound(row.size()));
-        ASSERT_EQ(unpackBits(packed), row) << "trial " << trial;
-    }
 }
 
 const RawShape kExportImages[] = {RawShape{5, 3, true, 300}, RawShape{7, 4, false, 150}, RawShape{1, 2, false, 72},

@@ -1,13 +1,11 @@
 // The scanner session against the in-process emulator: real library code
 // from USBInterface up, the emulator below the transport seam. Pixels and
 // injected faults are checked through the loaded data source (transfer
-// tests, fault matrix), and so is a client that closes or unloads the source
-// mid-scan (the scan cycle test); here, what only the library's caller sees.
+// tests, fault matrix, where a client also closes the source mid-scan); here,
+// what only the library's caller sees.
 #include "ScanlibTestSupport.h"
 
 #include "emulator/EmulatorTransport.h"
-
-#include <cstdlib>
 
 namespace zentary::test {
 namespace {

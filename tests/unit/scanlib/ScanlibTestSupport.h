@@ -1,20 +1,15 @@
-// Shared helpers of the scanner library tests: a scripted device at the
-// transport seam, an engine loop thread's notifications and raw file paths.
+// Shared helpers of the scanner library tests: an engine loop thread's
+// notifications, raw file paths and a device session driven from that thread.
 #pragma once
 
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
-#include "scanlib/RawFile.h"
 #include "scanlib/ScanDevice.h"
-#include "scanlib/usb/UsbTransport.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
-#include <deque>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -22,47 +17,6 @@
 #include <vector>
 
 namespace zentary::test {
-
-// Plays device messages in order; each message ends a transfer.
-struct ScriptedPipes : UsbPipes {
-    std::deque<std::vector<std::uint8_t>> messages;
-    std::vector<std::vector<std::uint8_t>> written;
-    std::vector<std::uint32_t> readRequests;
-    std::uint16_t inSize = 64;
-
-    int open(std::uint16_t* out, std::uint16_t* in) override
-    {
-        *out = 512;
-        *in = inSize;
-        return kUSBNoErr;
-    }
-    void close() override {}
-    int writePipe(const std::uint8_t* data, std::uint32_t size, std::uint32_t) override
-    {
-        written.emplace_back(data, data + size);
-        return kUSBNoErr;
-    }
-    int readPipe(std::uint8_t* data, std::uint32_t size, std::uint32_t* received, std::uint32_t, std::uint32_t) override
-    {
-        readRequests.push_back(size);
-        *received = 0;
-        if (messages.empty()) return kUSBErrTimeout;
-        auto& front = messages.front();
-        std::uint32_t n = std::min<std::uint32_t>(size, std::uint32_t(front.size()));
-        std::memcpy(data, front.data(), n);
-        front.erase(front.begin(), front.begin() + n);
-        if (front.empty()) messages.pop_front();
-        *received = n;
-        return kUSBNoErr;
-    }
-};
-
-inline std::vector<std::uint8_t> words(std::initializer_list<std::uint32_t> values)
-{
-    std::vector<std::uint8_t> bytes;
-    for (auto v : values) bytes.insert(bytes.end(), {std::uint8_t(v >> 24), std::uint8_t(v >> 16), std::uint8_t(v >> 8), std::uint8_t(v)});
-    return bytes;
-}
 
 // Collects notifications of a private centre, posted on any thread.
 struct NotificationLog {
@@ -86,11 +40,6 @@ struct NotificationLog {
         mChanged.wait_for(lock, bound, [this] { return !mNames.empty(); });
         return mNames.empty() ? std::string() : mNames.front();
     }
-    std::size_t count()
-    {
-        std::lock_guard<std::mutex> guard(mMutex);
-        return mNames.size();
-    }
     NotificationCenter& mCenter;
     std::vector<NotificationCenter::Token> mTokens;
     std::mutex mMutex;
@@ -106,11 +55,6 @@ inline std::string tempRawPath(const char* tag)
     std::string path = dir + "/zentary-test-" + tag + "-" + std::to_string(::getpid()) + "-" + std::to_string(++serial) + ".raw";
     ::unlink(path.c_str());
     return path;
-}
-
-inline bool fileExists(const std::string& path)
-{
-    return ::access(path.c_str(), F_OK) == 0;
 }
 
 // A scan device driven from an engine loop thread, as the data source drives

@@ -12,6 +12,7 @@
 #include <umockdev.h>
 
 #include <cerrno>
+#include <cstring>
 #include <linux/ioctl.h>
 #include <linux/usbdevice_fs.h>
 #include <list>

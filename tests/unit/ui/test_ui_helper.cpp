@@ -248,26 +248,6 @@ TEST(HelperLayout, EveryWindowInEveryLanguageAndScale)
     }
 }
 
-TEST_F(HelperFixture, KilledHelperComesBackWithItsWindowsAndIsReaped)
-{
-    auto shown = dialog();
-    ASSERT_TRUE(shown);
-    ASSERT_EQ(windows(), std::vector<std::string>{"dialog"});
-    pid_t first = ui->helper()->pid();
-    ASSERT_GT(first, 0);
-    ::kill(first, SIGKILL);
-    ASSERT_TRUE(waitFor([&] { return ui->helper()->pid() > 0 && ui->helper()->pid() != first; }));
-    EXPECT_EQ(windows(), std::vector<std::string>{"dialog"});
-    EXPECT_EQ(::kill(first, 0), -1);  // reaped, not a zombie
-    EXPECT_EQ(ui->helper()->starts(), 2);
-
-    pid_t second = ui->helper()->pid();
-    shown.reset();
-    ui.reset();  // the socket closes, the helper leaves and is reaped
-    EXPECT_EQ(::kill(second, 0), -1);
-    EXPECT_EQ(scans + closes, 0);
-}
-
 TEST_F(HelperFixture, MissingOrDyingHelperFailsWithoutHanging)
 {
     start("/nonexistent/zentary-ui");
