@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <csetjmp>
 #include <cstdio>
 #include <memory>
 
@@ -25,40 +24,25 @@ const std::vector<std::string> kSmall = {"--device", "emulator", "--resolution",
 constexpr test::Origin kOrigin{100, 50};
 constexpr std::uint32_t kWidth = 150, kHeight = 75;
 
-bool readPngRows(png_structp png, png_infop info, FILE* file, test::Picture* picture)
-{
-    if (setjmp(png_jmpbuf(png))) return false;
-    png_init_io(png, file);
-    png_read_info(png, info);
-    png_set_strip_16(png);
-    png_set_strip_alpha(png);
-    png_set_expand(png);
-    png_read_update_info(png, info);
-    picture->width = png_get_image_width(png, info);
-    picture->height = png_get_image_height(png, info);
-    picture->channels = png_get_channels(png, info);
-    png_uint_32 x = 0, y = 0;
-    int unit = 0;
-    if (png_get_pHYs(png, info, &x, &y, &unit) && unit == PNG_RESOLUTION_METER) {
-        picture->xDpi = std::round(x * 0.0254);
-        picture->yDpi = std::round(y * 0.0254);
-    }
-    picture->pixels.resize(std::size_t(picture->width) * picture->height * picture->channels);
-    for (std::uint32_t row = 0; row < picture->height; ++row)
-        png_read_row(png, picture->pixels.data() + std::size_t(row) * picture->width * picture->channels, nullptr);
-    return true;
-}
-
+// A PNG in its own channels (gray or RGB, alpha dropped) as libpng reads it;
+// the resolution from its pHYs chunk (pixels per metre, unit 1).
 std::optional<test::Picture> decodePng(const fs::path& file)
 {
-    std::unique_ptr<FILE, int (*)(FILE*)> in(fopen(file.c_str(), "rb"), fclose);
-    if (!in) return std::nullopt;
-    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png_create_info_struct(png);
-    test::Picture picture;
-    bool ok = readPngRows(png, info, in.get(), &picture);
-    png_destroy_read_struct(&png, &info, nullptr);
-    if (!ok) return std::nullopt;
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_file(&image, file.c_str())) return std::nullopt;
+    image.format = (image.format & PNG_FORMAT_FLAG_COLOR) ? PNG_FORMAT_RGB : PNG_FORMAT_GRAY;
+    test::Picture picture{image.width, image.height, PNG_IMAGE_SAMPLE_CHANNELS(image.format), 0, 0, {}};
+    picture.pixels.resize(PNG_IMAGE_SIZE(image));
+    if (!png_image_finish_read(&image, nullptr, picture.pixels.data(), 0, nullptr)) return std::nullopt;
+    std::string bytes = test::readFile(file);
+    std::size_t at = bytes.find("pHYs");
+    auto big = [&](std::size_t i) { return std::uint32_t(std::uint8_t(bytes[i])) << 24 | std::uint8_t(bytes[i + 1]) << 16 |
+                                           std::uint8_t(bytes[i + 2]) << 8 | std::uint8_t(bytes[i + 3]); };
+    if (at != std::string::npos && at + 13 <= bytes.size() && bytes[at + 12] == 1) {
+        picture.xDpi = std::round(big(at + 4) * 0.0254);
+        picture.yDpi = std::round(big(at + 8) * 0.0254);
+    }
     return picture;
 }
 

@@ -53,14 +53,19 @@ TEST_F(ScanDsm, ImageThroughTheManagerMatchesTheChart)
     }
 }
 
-TEST_F(ScanDsm, ListThroughTheManagerIsTheListWithout)
+TEST_F(ScanDsm, ListThroughTheManagerIsTheListWithoutAndHoldsEveryCapability)
 {
     ASSERT_FALSE(mDsm.empty());
     test::ToolRun direct = test::runTool(mScratch.path(), {"--device", "emulator", "--list", "--json"}, mEnv);
     test::ToolRun managed =
         test::runTool(mScratch.path(), {"--dsm", mDsm, "--device", "emulator", "--list", "--json"}, mEnv);
     ASSERT_EQ(managed.exitCode, 0) << managed.err;
-    EXPECT_NE(managed.out.find("\"ICAP_FRAMES\""), std::string::npos) << managed.out;
+    for (const char* text : {"\"productName\":\"Tarvell Zentary Q305 MFP\"", "\"ICAP_FRAMES\"",
+                             "{\"name\":\"ICAP_XRESOLUTION\",\"id\":4376,\"container\":\"TWON_ENUMERATION\","
+                             "\"type\":\"TWTY_FIX32\",\"current\":\"300\",\"default\":\"300\","
+                             "\"valid\":[\"150\",\"300\",\"600\",\"1200\"]}",
+                             "\"valid\":[\"TWSX_NATIVE\",\"TWSX_FILE\",\"TWSX_MEMORY\",\"TWSX_FILE2\"]"})
+        EXPECT_NE(managed.out.find(text), std::string::npos) << text << "\n" << managed.out;
     EXPECT_EQ(managed.out, direct.out);
 }
 

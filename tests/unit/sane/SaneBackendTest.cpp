@@ -272,63 +272,6 @@ TEST_F(SaneBackendTest, ConfigurationProblemsAreLogged)
     api.init(nullptr, nullptr);
 }
 
-TEST_F(SaneBackendTest, ScansAreTheChart)
-{
-    struct Case {
-        const char* mode;
-        SANE_Int dpi;
-        bool preview;
-        Area area;
-        std::uint32_t expectedDpi;
-        const char* emulator = "";
-    } cases[] = {
-        {"Color", 150, false, {25.4, 50.8, 76.2, 88.9}, 150},
-        // 2.36 in at 150 dpi is 353 rows to the scanner, 354 in exact arithmetic.
-        {"Color", 150, false, {10, 20, 90, 80}, 150},
-        // A scanner warming up is waited for.
-        {"Gray", 300, false, {2.54, 12.7, 38.1, 27.94}, 300, "fault=not-ready@3"},
-        // Corners the wrong way round are the same rectangle; preview is quick.
-        {"Color", 600, true, {76.2, 88.9, 25.4, 50.8}, 150},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.mode) + " " + std::to_string(c.dpi));
-        SANE_Handle h = openEmulator(c.emulator);
-        char mode[16] = {};
-        std::strncpy(mode, c.mode, sizeof mode - 1);
-        SANE_Int info = 0;
-        ASSERT_EQ(api.control_option(h, kMode, SANE_ACTION_SET_VALUE, mode, &info), SANE_STATUS_GOOD);
-        EXPECT_TRUE(info & SANE_INFO_RELOAD_PARAMS);
-        ASSERT_EQ(set(h, kResolution, &c.dpi), SANE_STATUS_GOOD);
-        SANE_Bool preview = c.preview;
-        ASSERT_EQ(set(h, kPreview, &preview), SANE_STATUS_GOOD);
-        setArea(h, c.area);
-        Area area{std::min(c.area.left, c.area.right), std::min(c.area.top, c.area.bottom), 0, 0};
-        bool gray = std::string(c.mode) == "Gray";
-
-        SANE_Parameters before{}, after{};
-        ASSERT_EQ(api.get_parameters(h, &before), SANE_STATUS_GOOD);
-        ASSERT_EQ(api.start(h), SANE_STATUS_GOOD);
-        ASSERT_EQ(api.get_parameters(h, &after), SANE_STATUS_GOOD);
-        std::uint32_t width = scanPixels(hundredths(std::abs(c.area.right - c.area.left)), c.expectedDpi);
-        std::uint32_t rows = scanPixels(hundredths(std::abs(c.area.bottom - c.area.top)), c.expectedDpi);
-        EXPECT_EQ(shape(after), std::tuple(gray ? SANE_FRAME_GRAY : SANE_FRAME_RGB, SANE_Int(width), SANE_Int(rows),
-                                           SANE_Int(width * (gray ? 1 : 3))));
-        EXPECT_EQ(shape(before), shape(after));
-
-        std::vector<std::uint8_t> frame;
-        ASSERT_EQ(readAll(h, &frame), SANE_STATUS_EOF);
-        ASSERT_EQ(frame.size(), std::size_t(after.bytes_per_line) * std::size_t(after.lines));
-        // Until the cancel, still the frame (saned may ask only after reading it all).
-        SANE_Parameters read{};
-        ASSERT_EQ(api.get_parameters(h, &read), SANE_STATUS_GOOD);
-        EXPECT_EQ(read.lines, after.lines);
-        EXPECT_TRUE(isChart(frame.data(), width, rows, gray, area, c.expectedDpi));
-        api.cancel(h);  // as frontends do after each page
-        api.close(h);
-        EXPECT_TRUE(scanDirEmpty());
-    }
-}
-
 TEST_F(SaneBackendTest, NonBlockingReadsFollowTheSelectFd)
 {
     SANE_Handle h = openEmulator("mbps=5,rows=16");

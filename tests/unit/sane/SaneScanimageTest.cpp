@@ -55,6 +55,7 @@ TEST_F(SaneScanimageTest, TiffIsTheChart)
         bool gray;
         std::uint32_t dpi;
         Area area;
+        std::string scanner = "emulator";
     } cases[] = {
         {{"--mode", "Color", "--resolution", "300"}, false, 300, {0, 0, 215.9, 297.18}},
         {{"--mode", "Gray", "--resolution", "150", "-l", "25.4", "-t", "50.8", "-x", "76.2", "-y", "25.4"},
@@ -64,11 +65,16 @@ TEST_F(SaneScanimageTest, TiffIsTheChart)
          true, 150, {0, 0, 0.254, 0.254}},
         {{"--mode", "col", "--resolution", "600", "-l", "200", "-t", "280", "-x", "300"},
          false, 600, {199.898, 279.908, 215.9, 297.18}},
+        // 2.36 in at 150 dpi is 353 rows to the scanner, 354 in exact arithmetic.
+        {{"--resolution", "150", "-l", "10", "-t", "20", "-x", "80", "-y", "60"}, false, 150, {10, 20, 90, 80}},
+        // A scanner warming up is waited for; a preview is quick.
+        {{"--preview=yes", "--resolution", "600", "-x", "25.4", "-y", "25.4"}, false, 150, {0, 0, 25.4, 25.4},
+         "emulator:fault=not-ready@3"},
     };
     for (const Case& c : cases) {
         std::vector<std::string> args = {"-d", "zentary:emulator", "--format=tiff"};
         args.insert(args.end(), c.args.begin(), c.args.end());
-        ToolRun scan = run(args);
+        ToolRun scan = run(args, c.scanner);
         ASSERT_EQ(scan.exitCode, 0) << scan.err;
         std::filesystem::path out = mScratch.path() / "out.tiff";
         writeBytes(out, scan.out.data(), scan.out.size());
