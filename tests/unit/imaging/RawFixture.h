@@ -14,9 +14,13 @@
 namespace zentary::test {
 
 // Sample c (0 red, 1 green, 2 blue; gray uses 0) of pixel (x, y): runs of
-// four equal bytes and sharp steps, to exercise both kinds of PackBits packet.
+// four equal bytes and sharp steps, to exercise both kinds of PackBits packet,
+// and every 160 columns a stretch where no byte equals its neighbour, as long
+// as each size of literal the packer copies differently (up to past 128).
 inline std::uint8_t sample(int x, int y, int c) {
-    return static_cast<std::uint8_t>((x / 4) * 16 + y * 8 + c * 40);
+    static constexpr int kLiteral[] = {3, 6, 12, 40, 150};
+    const int step = x % 160 < kLiteral[x / 160 % 5] ? x * 5 : (x / 4) * 16;
+    return static_cast<std::uint8_t>(step + y * 8 + c * 40);
 }
 
 struct RawShape {
