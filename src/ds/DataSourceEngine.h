@@ -85,13 +85,8 @@ public:
     // Asks the client to close the source (dialog's Cancel, failed scans).
     void requestClose();
 
-    // The TWAIN state (4..7) this engine stands for.
-    int twainState() const { return static_cast<int>(mState) + 3; }
-    bool clientIsImageCapture() const { return mClientIsImageCapture; }
-    bool clientIsReadiris() const { return mClientIsReadiris; }
     const TW_IDENTITY& application() const { return mApplication; }
     const TW_IDENTITY& source() const { return mSource; }
-    Capabilities& capabilities() { return *mCapabilities; }
     const TW_IMAGELAYOUT& imageLayout() const { return mImageLayout; }
     const TW_SETUPFILEXFER2& file() const { return mFile; }
     const TW_SETUPFILEXFER2& defaultFile() const { return mDefaultFile; }

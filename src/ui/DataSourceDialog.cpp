@@ -12,12 +12,6 @@ bool sDialogComing = false;  // one is being made: the place is taken
 
 }  // namespace
 
-DataSourceDialog* DataSourceDialog::current()
-{
-    std::lock_guard<std::mutex> guard(sDialogLock);
-    return gDialog;
-}
-
 DataSourceDialog::DataSourceDialog(UserInterface& ui, DataSourceDialogEngine engine)
     : mUi(ui), mEngine(std::move(engine))
 {

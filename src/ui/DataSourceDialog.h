@@ -30,9 +30,6 @@ public:
     DataSourceDialog(const DataSourceDialog&) = delete;
     DataSourceDialog& operator=(const DataSourceDialog&) = delete;
 
-    // The one dialog on screen, or null (gDialog).
-    static DataSourceDialog* current();
-
     void handleScan();
     void handleCancel();
 

@@ -2,9 +2,7 @@
 // its identity, opened, sent triplets, closed and unloaded.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "support/SourceTest.h"
@@ -79,6 +77,29 @@ TEST_F(DataSourceTest, TripletsWithoutAnEngineFailWithTheirCodes)
         // DAT_STATUS reports the code once; having succeeded, it clears it.
         EXPECT_EQ(source->conditionCode(), c.expected) << c.what;
         EXPECT_EQ(source->conditionCode(), TWCC_SUCCESS) << c.what;
+    }
+}
+
+// The next session starts from the image type and resolution the dialog
+// remembered; a stored value outside its range counts as none.
+TEST_F(DataSourceTest, OpenStartsFromTheRememberedTypeAndResolution)
+{
+    struct Case {
+        const char* stored;
+        TW_UINT32 pixelType;
+        TW_INT16 dpi;
+    } cases[] = {
+        {"", TWPT_RGB, 300},
+        {"<key>imageType</key><integer>2</integer><key>resolution</key><integer>600</integer>", TWPT_GRAY, 600},
+        {"<key>imageType</key><integer>7</integer><key>resolution</key><integer>70000</integer>", TWPT_RGB, 300},
+    };
+    for (const Case& c : cases) {
+        test::writeFile(scratch("com.tarvell.zentaryQ300.scands.plist"),
+                        test::xmlPlist(std::string("<dict>") + c.stored + "</dict>"));
+        auto source = openAs();
+        ASSERT_TRUE(source);
+        EXPECT_EQ(test::currentOneValue(*source, ICAP_PIXELTYPE), c.pixelType) << c.stored;
+        EXPECT_EQ(test::currentOneValue(*source, ICAP_XRESOLUTION), test::fix32Item(c.dpi)) << c.stored;
     }
 }
 

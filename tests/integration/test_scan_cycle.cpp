@@ -3,7 +3,6 @@
 // happens when the scanner or the client misbehaves.
 #include <gtest/gtest.h>
 
-#include <thread>
 
 #include "support/SourceTest.h"
 

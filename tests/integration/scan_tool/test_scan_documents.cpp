@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <memory>
 
 #include "ToolRunner.h"
 #include "support/TestEnvironment.h"

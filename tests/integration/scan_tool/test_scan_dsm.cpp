@@ -3,7 +3,6 @@
 // a clear refusal of anything that is not a usable manager.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <fstream>
 

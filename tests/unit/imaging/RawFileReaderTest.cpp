@@ -1,11 +1,7 @@
 #include <fcntl.h>
-#include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "imaging/ImageConvert.h"
 #include "imaging/RawFileReader.h"

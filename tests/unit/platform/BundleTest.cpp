@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <climits>
-#include <unistd.h>
 
 #include "platform/Bundle.h"
 #include "platform/StringsTable.h"

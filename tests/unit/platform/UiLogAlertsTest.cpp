@@ -1,6 +1,4 @@
-#include <set>
 #include <stdexcept>
-#include <thread>
 
 #include "platform/Alerts.h"
 #include "platform/UiLog.h"

@@ -14,12 +14,9 @@ using namespace std::chrono_literals;
 
 class ScanDeviceTest : public ::testing::Test, public DeviceSession {
 protected:
-    void makeDevice(const std::string& options = "")
+    void makeDevice()
     {
-        EmulatorOptions parsed;
-        std::string error;
-        ASSERT_TRUE(parseEmulatorOptions(options, &parsed, &error)) << error;
-        mModel = std::make_shared<ScannerModel>(parsed);
+        mModel = std::make_shared<ScannerModel>(EmulatorOptions{});
         on([&] {
             device = ScanDevice::scanDeviceWithUSBDevice(
                 kScannerProductID, std::make_unique<USBDevice>(makeEmulatorDevice(mModel)), center);

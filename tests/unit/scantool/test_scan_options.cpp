@@ -2,7 +2,6 @@
 // source sends back, without a scanner.
 #include <gtest/gtest.h>
 
-#include <cmath>
 
 #include <cstring>
 #include <fstream>
@@ -136,14 +135,9 @@ TEST(StripAssembler, RefusesStripsThatDoNotFitTheImage)
     auto assembler = StripAssembler::create(info, &error);
     ASSERT_TRUE(assembler) << error;
     std::vector<std::uint8_t> buffer(18 * 4, 7);  // 15 data bytes padded by 3
+    // Compression, BytesPerRow, Columns, Rows, XOffset, YOffset, BytesWritten.
     auto strip = [](TW_UINT32 bytesPerRow, TW_UINT32 rows, TW_UINT32 yOffset, TW_UINT32 written) {
-        TW_IMAGEMEMXFER s{};
-        s.BytesPerRow = bytesPerRow;
-        s.Columns = 5;
-        s.Rows = rows;
-        s.YOffset = yOffset;
-        s.BytesWritten = written;
-        return s;
+        return TW_IMAGEMEMXFER{twain::TWCP_NONE, bytesPerRow, 5, rows, 0, yOffset, written, {}};
     };
     EXPECT_FALSE(assembler->add(strip(18, 5, 0, 90), buffer, &error)) << "more rows than the image";
     EXPECT_FALSE(assembler->add(strip(18, 4, 0, 90), buffer, &error)) << "more bytes than the buffer";
