@@ -43,23 +43,23 @@ set(ZENTARY_FUZZ_SECONDS 30 CACHE STRING "Seconds each fuzzer runs under ctest")
 function(zentary_fuzzer name)
   cmake_parse_arguments(ARG "" "SOURCE" "LIBS" ${ARGN})
   set(corpus ${PROJECT_SOURCE_DIR}/tests/fuzz/corpus/${name})
-  # Outside the fuzz build the harness gets a plain main that replays the
-  # seeds once, as an ordinary test of every other build.
-  if(ZENTARY_FUZZ)
-    add_executable(${name} ${ARG_SOURCE})
-    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
-  else()
-    add_executable(${name} ${ARG_SOURCE} ${PROJECT_SOURCE_DIR}/tests/fuzz/ReplayMain.cpp)
+  set(sources ${ARG_SOURCE})
+  if(NOT ZENTARY_FUZZ)
+    list(APPEND sources ${PROJECT_SOURCE_DIR}/tests/fuzz/ReplayMain.cpp)
   endif()
+  add_executable(${name} ${sources})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${ARG_LIBS})
   zentary_warnings(${name})
+  # Outside the fuzz build the harness has a plain main that replays the
+  # seeds once, as an ordinary test of every other build.
   if(NOT ZENTARY_FUZZ)
     file(GLOB seeds CONFIGURE_DEPENDS ${corpus}/*)
     add_test(NAME ${name}_seeds COMMAND ${name} ${seeds})
     set_tests_properties(${name}_seeds PROPERTIES TIMEOUT 120 LABELS seeds ENVIRONMENT "ZENTARY_UI=headless")
     return()
   endif()
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   set(work ${CMAKE_BINARY_DIR}/fuzz-corpus/${name})
   add_test(NAME ${name}
     COMMAND ${CMAKE_COMMAND} -E env ZENTARY_UI=headless

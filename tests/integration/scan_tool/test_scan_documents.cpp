@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <string_view>
 
 #include "ToolRunner.h"
 #include "support/TestEnvironment.h"
@@ -27,20 +28,19 @@ constexpr std::uint32_t kWidth = 150, kHeight = 75;
 // the resolution from its pHYs chunk (pixels per metre, unit 1).
 std::optional<test::Picture> decodePng(const fs::path& file)
 {
+    std::vector<std::uint8_t> bytes = test::readAll(file);
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, file.c_str())) return std::nullopt;
+    if (!png_image_begin_read_from_memory(&image, bytes.data(), bytes.size())) return std::nullopt;
     image.format = (image.format & PNG_FORMAT_FLAG_COLOR) ? PNG_FORMAT_RGB : PNG_FORMAT_GRAY;
     test::Picture picture{image.width, image.height, PNG_IMAGE_SAMPLE_CHANNELS(image.format), 0, 0, {}};
     picture.pixels.resize(PNG_IMAGE_SIZE(image));
     if (!png_image_finish_read(&image, nullptr, picture.pixels.data(), 0, nullptr)) return std::nullopt;
-    std::string bytes = test::readFile(file);
-    std::size_t at = bytes.find("pHYs");
-    auto big = [&](std::size_t i) { return std::uint32_t(std::uint8_t(bytes[i])) << 24 | std::uint8_t(bytes[i + 1]) << 16 |
-                                           std::uint8_t(bytes[i + 2]) << 8 | std::uint8_t(bytes[i + 3]); };
-    if (at != std::string::npos && at + 13 <= bytes.size() && bytes[at + 12] == 1) {
-        picture.xDpi = std::round(big(at + 4) * 0.0254);
-        picture.yDpi = std::round(big(at + 8) * 0.0254);
+    std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    std::size_t at = text.find("pHYs");
+    if (at != std::string_view::npos && at + 13 <= bytes.size() && bytes[at + 12] == 1) {
+        picture.xDpi = std::round(test::big32(bytes, at + 4) * 0.0254);
+        picture.yDpi = std::round(test::big32(bytes, at + 8) * 0.0254);
     }
     return picture;
 }

@@ -39,8 +39,6 @@ Picture chartPicture(Origin origin, std::uint32_t dpi, std::uint32_t width, std:
     return picture;
 }
 
-namespace {
-
 std::vector<std::uint8_t> readAll(const std::filesystem::path& file)
 {
     std::ifstream in(file, std::ios::binary);
@@ -51,6 +49,8 @@ std::uint32_t big32(const std::vector<std::uint8_t>& b, std::size_t at)
 {
     return std::uint32_t(b[at]) << 24 | std::uint32_t(b[at + 1]) << 16 | std::uint32_t(b[at + 2]) << 8 | b[at + 3];
 }
+
+namespace {
 
 struct JpegError {
     jpeg_error_mgr manager;

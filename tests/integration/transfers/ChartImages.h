@@ -41,6 +41,9 @@ std::optional<Picture> decodeJpeg(const std::filesystem::path& file);
 std::optional<Picture> decodePict(const std::filesystem::path& file, bool withFileHeader);
 
 void writeBytes(const std::filesystem::path& file, const void* data, std::size_t length);
+std::vector<std::uint8_t> readAll(const std::filesystem::path& file);
+// The big-endian 32-bit number at `at` (PICT and PNG headers).
+std::uint32_t big32(const std::vector<std::uint8_t>& bytes, std::size_t at);
 
 ::testing::AssertionResult samePixels(const Picture& actual, const Picture& expected);
 ::testing::AssertionResult closePixels(const Picture& actual, const Picture& expected, double minimumPsnr);
